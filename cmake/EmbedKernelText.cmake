@@ -1,0 +1,32 @@
+# td_embed_opencl_text(OUT_VAR KERNEL_CL SYMBOL INCLUDE_DIRS...)
+# Runs the C preprocessor over the OpenCL wrapper of the kernel unit (no host
+# headers, no predefined macros) and embeds the result as a string constant.
+add_executable(embed_kernel_text ${CMAKE_CURRENT_LIST_DIR}/tools/embed_kernel_text.cpp)
+
+function(td_embed_opencl_text out_var kernel_cl symbol)
+  set(gen_dir ${CMAKE_BINARY_DIR}/generated)
+  file(MAKE_DIRECTORY ${gen_dir})
+  get_filename_component(stem ${kernel_cl} NAME_WE)
+  set(pre ${gen_dir}/${stem}.opencl.i)
+  set(dep ${gen_dir}/${stem}.opencl.d)
+  set(cpp ${gen_dir}/${stem}_Text.cpp)
+  set(incs "")
+  foreach(dir IN LISTS ARGN)
+    list(APPEND incs -I${dir})
+  endforeach()
+  add_custom_command(
+    OUTPUT ${pre}
+    COMMAND ${CMAKE_C_COMPILER} -E -x c -undef -nostdinc ${incs}
+            -MD -MF ${dep} -MT ${pre} ${kernel_cl} -o ${pre}
+    DEPENDS ${kernel_cl}
+    DEPFILE ${dep}
+    COMMENT "Preprocessing ${stem} for OpenCL"
+    VERBATIM)
+  add_custom_command(
+    OUTPUT ${cpp}
+    COMMAND embed_kernel_text ${pre} ${cpp} ${symbol} ${CMAKE_SOURCE_DIR}
+    DEPENDS ${pre} embed_kernel_text
+    COMMENT "Embedding the OpenCL text of ${stem}"
+    VERBATIM)
+  set(${out_var} ${cpp} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,71 @@
+/* The per-render parameter block, declared once for the host and every kernel
+ * target so the host's bytes can be copied to the device unchanged: natural
+ * alignment, 32-bit int and float, one-byte flags. */
+#ifndef KERNEL_DATA_H
+#define KERNEL_DATA_H
+
+#define KERNEL_DATA_MAX_FRAMES 50
+
+#if defined(GF_DEVICE_TARGET_OPENCL)
+/* OpenCL C: enums as plain ints of the same values; gf_bool comes from the
+ * kernel vocabulary (bool has no fixed size there). */
+typedef int BlendMode;
+typedef int DiffBlendMode;
+typedef int ColorFrom;
+enum {
+  BLEND_NONE = 0, BLEND_ADD = 1, BLEND_SCREEN = 2, BLEND_LIGHTEN = 3, BLEND_COLOR_DODGE = 4,
+  BLEND_LIGHTER_COLOR = 5, BLEND_OVERLAY = 6, BLEND_SOFT_LIGHT = 7, BLEND_LINEAR_LIGHT = 8,
+  BLEND_PIN_LIGHT = 9, BLEND_HARD_MIX = 10
+};
+enum { DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2 };
+enum { FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3 };
+#else
+#include <stdint.h>
+typedef bool gf_bool;
+enum BlendMode : int32_t {
+  BLEND_NONE = 0, BLEND_ADD = 1, BLEND_SCREEN = 2, BLEND_LIGHTEN = 3, BLEND_COLOR_DODGE = 4,
+  BLEND_LIGHTER_COLOR = 5, BLEND_OVERLAY = 6, BLEND_SOFT_LIGHT = 7, BLEND_LINEAR_LIGHT = 8,
+  BLEND_PIN_LIGHT = 9, BLEND_HARD_MIX = 10
+};
+enum DiffBlendMode : int32_t { DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2 };
+enum ColorFrom : int32_t { FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3 };
+#endif
+
+typedef struct KernelData {
+  int originH[KERNEL_DATA_MAX_FRAMES];
+  int originV[KERNEL_DATA_MAX_FRAMES];
+  int numFrames;
+  float displaceIntensity;
+  float minVel;
+  float maxVel;
+  gf_bool chromatic;
+  float percentEase;
+  float percent;
+  BlendMode blendMode;
+  DiffBlendMode diffMode;
+  ColorFrom output;
+  gf_bool normalize;
+  gf_bool motion_amp;
+} KernelData;
+
+#if defined(__cplusplus) && !defined(GF_DEVICE_TARGET_OPENCL)
+#include <cstddef>
+static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1, "KernelData needs 32-bit int/float and 1-byte bool");
+static_assert(sizeof(BlendMode) == 4 && sizeof(DiffBlendMode) == 4 && sizeof(ColorFrom) == 4, "enums are 32-bit");
+static_assert(offsetof(KernelData, originV) == 200, "KernelData layout");
+static_assert(offsetof(KernelData, numFrames) == 400, "KernelData layout");
+static_assert(offsetof(KernelData, displaceIntensity) == 404, "KernelData layout");
+static_assert(offsetof(KernelData, minVel) == 408, "KernelData layout");
+static_assert(offsetof(KernelData, maxVel) == 412, "KernelData layout");
+static_assert(offsetof(KernelData, chromatic) == 416, "KernelData layout");
+static_assert(offsetof(KernelData, percentEase) == 420, "KernelData layout");
+static_assert(offsetof(KernelData, percent) == 424, "KernelData layout");
+static_assert(offsetof(KernelData, blendMode) == 428, "KernelData layout");
+static_assert(offsetof(KernelData, diffMode) == 432, "KernelData layout");
+static_assert(offsetof(KernelData, output) == 436, "KernelData layout");
+static_assert(offsetof(KernelData, normalize) == 440, "KernelData layout");
+static_assert(offsetof(KernelData, motion_amp) == 441, "KernelData layout");
+static_assert(sizeof(KernelData) == 444, "KernelData layout");
+#endif
+
+#endif

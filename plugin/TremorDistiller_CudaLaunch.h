@@ -1,0 +1,15 @@
+// Launch functions of the CUDA kernels, callable from plain C++. Blocks are
+// blockSize x blockSize on the default stream; each call waits for the device.
+// They report nothing: the caller asks the runtime for its last error.
+#ifndef TREMORDISTILLER_CUDALAUNCH_H
+#define TREMORDISTILLER_CUDALAUNCH_H
+
+void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* outDst, const void* params,
+                      int inPrePitch, int inCurPitch, int inDstPitch, int in16f, unsigned int inWidth,
+                      unsigned int inHeight, const void* inIm, unsigned int blockSize);
+
+void LaunchResizeKernel(const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch, int in16f,
+                        unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,
+                        unsigned int outHeight, int inOffsetX, int inOffsetY, unsigned int blockSize);
+
+#endif

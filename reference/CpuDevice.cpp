@@ -1,0 +1,62 @@
+#include "CpuDevice.h"
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "CpuKernels.h"
+
+namespace {
+
+// Runs body(x, y) for every work item of the global range (w, h rounded up to
+// whole groups), group by group. Threads take whole rows of groups.
+template <typename Body>
+void Launch2D(const CpuLaunchConfig& config, unsigned int w, unsigned int h, Body body) {
+  const unsigned int bs = config.blockSize;
+  const unsigned int groupsX = (w + bs - 1) / bs;
+  const unsigned int groupsY = (h + bs - 1) / bs;
+  const bool powerCurve = config.halfForm == CpuHalfForm::CUDA;
+  auto rows = [&](unsigned int gy0, unsigned int gy1) {
+    gfcpu::tWorkItem.halfPowerCurve = powerCurve;
+    for (unsigned int gy = gy0; gy < gy1; ++gy)
+      for (unsigned int gx = 0; gx < groupsX; ++gx)
+        for (unsigned int ly = 0; ly < bs; ++ly)
+          for (unsigned int lx = 0; lx < bs; ++lx) {
+            gfcpu::tWorkItem.x = gx * bs + lx;
+            gfcpu::tWorkItem.y = gy * bs + ly;
+            body();
+          }
+  };
+  const unsigned int threads = std::max(1u, std::min<unsigned int>(config.threads, groupsY));
+  if (threads == 1) {
+    rows(0, groupsY);
+    return;
+  }
+  std::vector<std::thread> pool;
+  for (unsigned int t = 0; t < threads; ++t)
+    pool.emplace_back(rows, groupsY * t / threads, groupsY * (t + 1) / threads);
+  for (auto& th : pool) th.join();
+}
+
+}  // namespace
+
+void CpuMainKernel(const CpuLaunchConfig& config, const void* inPre, const void* inCur, void* outIm, void* outDst,
+                   const KernelData* params, int inPrePitch, int inCurPitch, int inDstPitch, int in16f,
+                   unsigned int inWidth, unsigned int inHeight, const void* inIm) {
+  using gfcpu::float4;
+  Launch2D(config, inWidth, inHeight, [&] {
+    gfcpu::MainKernel(static_cast<const float4*>(inPre), static_cast<const float4*>(inCur),
+                      static_cast<float4*>(outIm), static_cast<float4*>(outDst), params, inPrePitch, inCurPitch,
+                      inDstPitch, in16f, inWidth, inHeight, static_cast<const float4*>(inIm));
+  });
+}
+
+void CpuResizeKernel(const CpuLaunchConfig& config, const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch,
+                     int in16f, unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,
+                     unsigned int outHeight, int inOffsetX, int inOffsetY) {
+  using gfcpu::float4;
+  Launch2D(config, outWidth, outHeight, [&] {
+    gfcpu::ResizeKernel(static_cast<const float4*>(inSrc), static_cast<float4*>(outDst), inSrcPitch, inDstPitch,
+                        in16f, inWidth, inHeight, outWidth, outHeight, inOffsetX, inOffsetY);
+  });
+}
