@@ -54,10 +54,17 @@ GF_DEVICE_FUNCTION float2 getFlow(GF_CONST_PTR(float4) inPre, GF_CONST_PTR(float
                                   int inPrePitch, int inCurPitch, int is16Bit, unsigned int x, unsigned int y)
 {
     float2 uv = make_float2((float)x / (float)inWidth, (float)y / (float)inHeight);
-    float4 prev = premult(bgra(readPixel(inPre, (int)(y * (unsigned int)inPrePitch + x), is16Bit)));
-    float4 current = premult(bgra(readPixel(inCur, (int)(y * (unsigned int)inCurPitch + x), is16Bit)));
-    float4 differencing = prev - current;
+    float4 prevPixel = bgra(readPixel(inPre, (int)(y * (unsigned int)inPrePitch + x), is16Bit));
+    float4 currentPixel = bgra(readPixel(inCur, (int)(y * (unsigned int)inCurPitch + x), is16Bit));
+    float4 differencing = premult(prevPixel) - premult(currentPixel);
     float vel = (differencing.x + differencing.y + differencing.z) / 3.0f;
+    /* A pixel that did not change has no velocity. Said outright because a
+     * fused multiply-add leaves one product's rounding error in the difference
+     * of two equal products, and the hard step of motion amplification would
+     * turn that into a full move of a still pixel. */
+    if (prevPixel.x == currentPixel.x && prevPixel.y == currentPixel.y && prevPixel.z == currentPixel.z &&
+        prevPixel.w == currentPixel.w)
+        vel = 0.0f;
     float movement = velocityRamp(vel, params->minVel, params->maxVel);
 
     float4 gradX = getGradientAt(inPre, inCur, uv, make_float2(0.1f, 0.0f), inWidth, inHeight, inPrePitch,

@@ -82,11 +82,15 @@ TEST(FrameStackLoop, WalksPairsFromOldestWithEqualPercentSteps) {
       EXPECT_EQ(p.buffers.inPreFrame, &fj.frames[i + 1]);
       EXPECT_EQ(p.buffers.outDst, &host.slots[15]);
       EXPECT_NE(p.buffers.inIm, p.buffers.outIm);
-      if (k > 0) EXPECT_EQ(p.buffers.inIm, host.passes[k - 1].buffers.outIm);  // reads what the pass before wrote
+      if (k > 0) {
+        EXPECT_EQ(p.buffers.inIm, host.passes[k - 1].buffers.outIm);  // reads what the pass before wrote
+      }
     }
     EXPECT_EQ(host.passes.front().percent, 0.0f);
     EXPECT_EQ(host.passes.back().percent, 1.0f);
-    if (numFrames == 10) EXPECT_EQ(host.passes[1].percent, 0.125f);
+    if (numFrames == 10) {
+      EXPECT_EQ(host.passes[1].percent, 0.125f);
+    }
     EXPECT_EQ(host.disposed, 4);
     EXPECT_TRUE(host.live.empty());
   }
@@ -219,7 +223,9 @@ TEST(FrameStackRender, UniformFramesFollowTheEasedRecurrence) {
     EXPECT_NEAR(o.x, acc, 1e-5);
     EXPECT_NEAR(o.w, accA, 1e-5);
     EXPECT_EQ(o.z, 0.0f);
-    if (ease == 0.0f) EXPECT_NEAR(o.x, std::fabs(grays[1] - grays[0]), 1e-6);  // newest pair alone
+    if (ease == 0.0f) {
+      EXPECT_NEAR(o.x, std::fabs(grays[1] - grays[0]), 1e-6);  // newest pair alone
+    }
     EXPECT_TRUE(r.out.GuardsIntact());
   }
 }
