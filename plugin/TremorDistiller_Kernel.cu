@@ -3,6 +3,7 @@
 // freeing of the pass's parameter block need nothing else.
 #include "TremorDistiller_Kernel.cl"
 #include "TremorDistiller_CudaLaunch.h"
+#include "TremorDistiller_GPUCalls.h"
 
 static dim3 GridFor(unsigned int w, unsigned int h, unsigned int blockSize)
 {
@@ -29,4 +30,19 @@ void LaunchResizeKernel(const void* inSrc, void* outDst, int inSrcPitch, int inD
         (const float4*)inSrc, (float4*)outDst, inSrcPitch, inDstPitch, in16f, inWidth, inHeight, outWidth,
         outHeight, inOffsetX, inOffsetY);
     (void)cudaDeviceSynchronize();
+}
+
+CudaCalls CudaRuntimeCalls()
+{
+    CudaCalls calls;
+    calls.malloc = [](void** p, size_t n) { return (int)cudaMalloc(p, n); };
+    calls.memcpyHostToDevice = [](void* dst, const void* src, size_t n) {
+        return (int)cudaMemcpy(dst, src, n, cudaMemcpyHostToDevice);
+    };
+    calls.free = [](void* p) { return (int)cudaFree(p); };
+    calls.peekAtLastError = []() { return (int)cudaPeekAtLastError(); };
+    calls.getErrorString = [](int e) { return cudaGetErrorString((cudaError_t)e); };
+    calls.launchMain = &LaunchMainKernel;
+    calls.launchResize = &LaunchResizeKernel;
+    return calls;
 }

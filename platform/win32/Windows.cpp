@@ -69,3 +69,50 @@ void SetDebugOutputSink(DebugOutputSink sink, void* user)
 }
 
 #endif
+
+// ==== Version query ===========================================================
+#if !defined(_WIN32)
+
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/utsname.h>
+
+BOOL GetVersionExA(LPOSVERSIONINFOA lpVersionInformation)
+{
+    if (lpVersionInformation == nullptr) {
+        return 0;
+    }
+    // Read as bytes: the record behind the pointer may be the extended one.
+    DWORD size = 0;
+    std::memcpy(&size, lpVersionInformation, sizeof(size));
+    if (size != sizeof(OSVERSIONINFOA) && size != sizeof(OSVERSIONINFOEXA)) {
+        return 0;
+    }
+    struct utsname name {};
+    if (::uname(&name) != 0) {
+        return 0;
+    }
+
+    // Leading numbers of "6.1.0-18-amd64"; parsing stops at the first non-digit.
+    DWORD numbers[3] = {};
+    const char* cursor = name.release;
+    for (DWORD& number : numbers) {
+        char* end = nullptr;
+        number = static_cast<DWORD>(std::strtoul(cursor, &end, 10));
+        if (end == cursor || *end != '.') {
+            break;
+        }
+        cursor = end + 1;
+    }
+
+    OSVERSIONINFOEXA info{};
+    info.dwOSVersionInfoSize = size;
+    info.dwMajorVersion = numbers[0];
+    info.dwMinorVersion = numbers[1];
+    info.dwBuildNumber = numbers[2];
+    std::memcpy(lpVersionInformation, &info, size);
+    return 1;
+}
+
+#endif

@@ -35,3 +35,53 @@ using DebugOutputSink = void (*)(const char* text, void* user);
 void SetDebugOutputSink(DebugOutputSink sink, void* user);  // null: silence
 
 #endif
+
+// ==== Version query and the types of the Direct3D 9 stand-in ==================
+// Added for identifying the GPU and OS; everything above is untouched.
+#if !defined(_WIN32)
+
+using BYTE = std::uint8_t;
+using WORD = std::uint16_t;
+using UINT = unsigned int;
+using LONG = std::int32_t;  // Windows' long is 32 bits wide
+using ULONG = std::uint32_t;
+using HRESULT = LONG;
+
+#define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
+#define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
+
+struct OSVERSIONINFOA {
+    DWORD dwOSVersionInfoSize;
+    DWORD dwMajorVersion;
+    DWORD dwMinorVersion;
+    DWORD dwBuildNumber;
+    DWORD dwPlatformId;
+    char szCSDVersion[128];
+};
+using LPOSVERSIONINFOA = OSVERSIONINFOA*;
+
+// The extended record is what a size field of 156 announces, so callers that
+// say 156 pass this one, cast to LPOSVERSIONINFOA, exactly as on Windows.
+struct OSVERSIONINFOEXA {
+    DWORD dwOSVersionInfoSize;
+    DWORD dwMajorVersion;
+    DWORD dwMinorVersion;
+    DWORD dwBuildNumber;
+    DWORD dwPlatformId;
+    char szCSDVersion[128];
+    WORD wServicePackMajor;
+    WORD wServicePackMinor;
+    WORD wSuiteMask;
+    BYTE wProductType;
+    BYTE wReserved;
+};
+static_assert(sizeof(OSVERSIONINFOA) == 148, "layout of the Windows record");
+static_assert(sizeof(OSVERSIONINFOEXA) == 156, "layout of the Windows record");
+
+// The kernel's release stands in for the Windows version: "6.1.0-18-amd64"
+// gives major 6, minor 1, build 0. Platform, service pack and suite fields are
+// zero. As on Windows, dwOSVersionInfoSize must be the size of one of the two
+// records, else nothing is written and the result is 0.
+BOOL GetVersionExA(LPOSVERSIONINFOA lpVersionInformation);
+
+#endif

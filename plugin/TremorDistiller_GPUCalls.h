@@ -1,0 +1,48 @@
+// Every OpenCL and CUDA call the effect makes goes through these tables, so a
+// test can put a failing or recording function in any row. By default the rows
+// hold the real runtime functions; the CUDA rows are null in a build without a
+// CUDA toolkit.
+#ifndef TREMORDISTILLER_GPUCALLS_H
+#define TREMORDISTILLER_GPUCALLS_H
+
+#include <cstddef>
+
+#ifndef CL_TARGET_OPENCL_VERSION
+#define CL_TARGET_OPENCL_VERSION 120
+#endif
+#include <CL/cl.h>
+
+#include "TremorDistiller_CudaLaunch.h"
+
+struct OpenCLCalls {
+  decltype(&::clCreateProgramWithSource) createProgramWithSource;
+  decltype(&::clBuildProgram) buildProgram;
+  decltype(&::clGetProgramBuildInfo) getProgramBuildInfo;
+  decltype(&::clReleaseProgram) releaseProgram;
+  decltype(&::clCreateKernel) createKernel;
+  decltype(&::clReleaseKernel) releaseKernel;
+  decltype(&::clSetKernelArg) setKernelArg;
+  decltype(&::clCreateBuffer) createBuffer;
+  decltype(&::clEnqueueNDRangeKernel) enqueueNDRangeKernel;
+  decltype(&::clReleaseMemObject) releaseMemObject;
+};
+
+// CUDA runtime calls as plain C++ signatures (error codes as int), so nothing
+// outside the CUDA unit needs the toolkit's headers.
+struct CudaCalls {
+  int (*malloc)(void** devicePtr, size_t size);
+  int (*memcpyHostToDevice)(void* dst, const void* src, size_t size);
+  int (*free)(void* devicePtr);
+  int (*peekAtLastError)();
+  const char* (*getErrorString)(int error);
+  decltype(&LaunchMainKernel) launchMain;
+  decltype(&LaunchResizeKernel) launchResize;
+};
+
+OpenCLCalls& GetOpenCLCalls();
+CudaCalls& GetCudaCalls();
+
+// The real CUDA rows; defined by the CUDA unit when a toolkit is present.
+CudaCalls CudaRuntimeCalls();
+
+#endif
