@@ -7,7 +7,10 @@
 
 namespace {
 
-constexpr int kScratchCount = 4;  // two accumulation buffers, two canvases
+// Created in this order: the accumulation, its second buffer, the newer
+// frame's canvas, the older frame's; the canvases go back first.
+constexpr int kScratchCount = 4;
+constexpr int kDisposeOrder[kScratchCount] = {2, 3, 1, 0};
 
 int32_t BufferOf(const FrameStackHost& host, void* frame, void** buffer) {
   *buffer = nullptr;
@@ -89,7 +92,7 @@ int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host) {
       kd.percent = n == 0 ? 1.0f : 1.0f - static_cast<float>(i) / static_cast<float>(n);
       const StackFrame& cur = job.frames[i];
       const StackFrame& pre = job.frames[i + 1];
-      PassBuffers pass{nullptr, nullptr, outIm, inIm, buf[2], buf[3], outDst};
+      PassBuffers pass{nullptr, nullptr, outIm, inIm, buf[3], buf[2], outDst};
       status = BufferOf(host, cur.frame, &pass.inCurFrame);
       if (status == 0) status = BufferOf(host, pre.frame, &pass.inPreFrame);
       if (status == 0 && (pass.inCurFrame == nullptr || pass.inPreFrame == nullptr))
@@ -104,7 +107,7 @@ int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host) {
   }
 
   // Scratch buffers go back on every way out; the first error stays the result.
-  for (int k = 0; k < kScratchCount; ++k) {
+  for (int k : kDisposeOrder) {
     if (scratch[k] == nullptr) continue;
     const int32_t disposed = host.disposeScratch(scratch[k]);
     if (status == 0) status = disposed;

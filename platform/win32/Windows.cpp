@@ -116,3 +116,114 @@ BOOL GetVersionExA(LPOSVERSIONINFOA lpVersionInformation)
 }
 
 #endif
+
+// ==== Module resources ========================================================
+#if !defined(_WIN32)
+
+#include <list>
+
+#include <dlfcn.h>
+
+namespace {
+
+struct ModuleResource {
+    const void* module;  // dli_fbase of the object holding the bytes
+    int type;
+    int name;
+    const void* data;
+    std::size_t size;
+};
+
+// Function statics: modules register from their own static initialisers,
+// which may run before this file's globals exist. A list keeps entries in
+// place, since HRSRC points at them.
+std::list<ModuleResource>& Resources()
+{
+    static std::list<ModuleResource> resources;
+    return resources;
+}
+
+std::mutex& ResourcesMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+const void* ModuleBaseOf(const void* address)
+{
+    Dl_info info{};
+    if (address == nullptr || ::dladdr(address, &info) == 0) {
+        return nullptr;
+    }
+    return info.dli_fbase;
+}
+
+}  // namespace
+
+BOOL GetModuleHandleExA(DWORD dwFlags, LPCSTR lpModuleName, HMODULE* phModule)
+{
+    if (phModule == nullptr) {
+        return 0;
+    }
+    *phModule = nullptr;
+    if ((dwFlags & GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS) == 0) {
+        return 0;
+    }
+    const void* base = ModuleBaseOf(lpModuleName);
+    *phModule = static_cast<HMODULE>(const_cast<void*>(base));
+    return base != nullptr ? 1 : 0;
+}
+
+HRSRC FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType)
+{
+    if (hModule == nullptr || !IS_INTRESOURCE(lpName) || !IS_INTRESOURCE(lpType)) {
+        return nullptr;
+    }
+    const int name = static_cast<int>(reinterpret_cast<ULONG_PTR>(lpName));
+    const int type = static_cast<int>(reinterpret_cast<ULONG_PTR>(lpType));
+    std::lock_guard<std::mutex> lock(ResourcesMutex());
+    for (ModuleResource& entry : Resources()) {
+        if (entry.module == hModule && entry.type == type && entry.name == name) {
+            return reinterpret_cast<HRSRC>(&entry);
+        }
+    }
+    return nullptr;
+}
+
+DWORD SizeofResource(HMODULE, HRSRC hResInfo)
+{
+    return hResInfo == nullptr ? 0 : static_cast<DWORD>(reinterpret_cast<const ModuleResource*>(hResInfo)->size);
+}
+
+HGLOBAL LoadResource(HMODULE, HRSRC hResInfo)
+{
+    return hResInfo == nullptr ? nullptr
+                               : const_cast<void*>(reinterpret_cast<const ModuleResource*>(hResInfo)->data);
+}
+
+LPVOID LockResource(HGLOBAL hResData)
+{
+    return hResData;
+}
+
+void RegisterModuleResource(int type, int name, const void* data, std::size_t size)
+{
+    const void* module = ModuleBaseOf(data);
+    std::lock_guard<std::mutex> lock(ResourcesMutex());
+    for (ModuleResource& entry : Resources()) {
+        if (entry.module == module && entry.type == type && entry.name == name) {
+            entry.data = data;
+            entry.size = size;
+            return;
+        }
+    }
+    Resources().push_back(ModuleResource{module, type, name, data, size});
+}
+
+void UnregisterModuleResource(int type, int name)
+{
+    std::lock_guard<std::mutex> lock(ResourcesMutex());
+    Resources().remove_if([&](const ModuleResource& entry) { return entry.type == type && entry.name == name; });
+}
+
+#endif

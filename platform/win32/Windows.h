@@ -85,3 +85,49 @@ static_assert(sizeof(OSVERSIONINFOEXA) == 156, "layout of the Windows record");
 BOOL GetVersionExA(LPOSVERSIONINFOA lpVersionInformation);
 
 #endif
+
+// ==== Module resources =========================================================
+// Added for the about picture; everything above is untouched. Linux modules have
+// no resource section, so resources live in a process-wide registry that a
+// module fills from a static initialiser with bytes compiled into it.
+#if !defined(_WIN32)
+
+#include <cstddef>
+
+struct HMODULE__;
+struct HRSRC__;
+using HMODULE = HMODULE__*;  // base address of the loaded object
+using HRSRC = HRSRC__*;
+using HGLOBAL = void*;
+using LPVOID = void*;
+using ULONG_PTR = std::uintptr_t;
+
+#define MAKEINTRESOURCEA(i) (reinterpret_cast<LPSTR>(static_cast<ULONG_PTR>(static_cast<WORD>(i))))
+#define IS_INTRESOURCE(r) ((reinterpret_cast<ULONG_PTR>(r) >> 16) == 0)
+
+#define GET_MODULE_HANDLE_EX_FLAG_PIN 0x00000001
+#define GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT 0x00000002
+#define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 0x00000004
+
+// Only the FROM_ADDRESS form: lpModuleName is an address inside the wanted
+// module. Modules are never unloaded through these handles, so there is no
+// reference count and UNCHANGED_REFCOUNT changes nothing. 0 on failure, with
+// *phModule null.
+BOOL GetModuleHandleExA(DWORD dwFlags, LPCSTR lpModuleName, HMODULE* phModule);
+
+// Numeric names and types only (MAKEINTRESOURCEA); a string name finds
+// nothing, as does a null module. Null when the module holds no such resource.
+HRSRC FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType);
+DWORD SizeofResource(HMODULE hModule, HRSRC hResInfo);  // 0 for a null resource
+HGLOBAL LoadResource(HMODULE hModule, HRSRC hResInfo);  // null for a null resource
+LPVOID LockResource(HGLOBAL hResData);                  // the resource's first byte
+
+// --- Stand-in only: Windows has no such calls. ---------------------------------
+// Adds a resource to the module that holds `data` (the bytes must stay valid
+// for the life of the process, as compiled-in arrays do). A second registration
+// of the same module, type and name replaces the first.
+void RegisterModuleResource(int type, int name, const void* data, std::size_t size);
+// Takes a resource away from every module, so tests can see a module without it.
+void UnregisterModuleResource(int type, int name);
+
+#endif

@@ -1,0 +1,8 @@
+# cmake -DIN=file -DOUT=file.cpp -DSYMBOL=name -P EmbedBinary.cmake
+file(READ ${IN} hex HEX)
+string(LENGTH "${hex}" n)
+math(EXPR size "${n} / 2")
+string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+string(REGEX REPLACE "(0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,)" "\\1\n" bytes "${bytes}")
+file(WRITE ${OUT}.tmp "// Generated at build time. Do not edit.\n#include <cstddef>\nextern const unsigned char ${SYMBOL}[] = {\n${bytes}\n};\nextern const size_t ${SYMBOL}_size = ${size};\n")
+file(RENAME ${OUT}.tmp ${OUT})

@@ -1,0 +1,212 @@
+// Inside of the stand-in After Effects host, shared by its units.
+#ifndef TREMOR_HOST_AEHOSTINTERNAL_H
+#define TREMOR_HOST_AEHOSTINTERNAL_H
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "AeHost.h"
+#include "OpenCLDevice.h"
+
+namespace aehost {
+
+using Impl = AeHost::Impl;
+
+// Host memory behind a PF_Handle: the handle points at `ptr`, so an effect
+// that reads *handle directly gets the block, as with the real host.
+struct HandleBlock {
+  void* ptr = nullptr;
+  A_u_longlong size = 0;
+  int locks = 0;
+  Impl* owner = nullptr;
+};
+
+// A world the host made. world.platform_ref points back here, so copies of
+// the PF_EffectWorld (as in a layer parameter) still find their record.
+struct WorldRecord {
+  Impl* host = nullptr;
+  bool gpu = false;
+  bool effectOwned = false;  // created by CreateGPUWorld
+  uint64_t renderId = 0;     // the render that created it
+  PF_PixelFormat format = 0;
+  size_t bytes = 0;
+  std::vector<uint8_t> memory;  // software pixels
+  cl_mem clBuffer = nullptr;
+  void* cudaBuffer = nullptr;
+  PF_EffectWorld world{};
+  WorldRecord() = default;
+  WorldRecord(const WorldRecord&) = delete;
+  WorldRecord& operator=(const WorldRecord&) = delete;
+  ~WorldRecord();
+};
+
+struct Booking {
+  CheckoutRecord rec;
+  std::shared_ptr<const Image> frame;   // null outside the clip
+  std::shared_ptr<WorldRecord> world;   // held while the render runs
+};
+
+struct RenderJob {
+  uint64_t id = 0;
+  A_long time = 0;
+  bool gpu = false;  // the render command is 31
+  A_long width = 0, height = 0;
+  std::mutex mutex;  // the effect may call back from its own threads
+  std::map<A_long, Booking> bookings;
+  std::shared_ptr<WorldRecord> output;
+  size_t uploads = 0;
+};
+
+// What effect_ref points at during one command.
+struct CommandContext {
+  static constexpr uint32_t kMagic = 0x41454843;  // "CHEA"
+  uint32_t magic = kMagic;
+  Impl* host = nullptr;
+  RenderJob* job = nullptr;
+};
+
+struct Injection {
+  std::string op;
+  PF_Err code = 0;
+  int nth = 0;
+  bool null = false;
+  int calls = 0;
+};
+
+struct Trigger {
+  bool fired = false;
+  bool null = false;
+  PF_Err code = 0;
+};
+
+struct CacheEntry {
+  std::shared_ptr<WorldRecord> world;
+  uint64_t lastUse = 0;
+};
+
+struct AeHost::Impl {
+  HostOptions options;
+
+  // Module
+  std::string path;
+  void* dl = nullptr;
+  PF_EffectMainFunc effectMain = nullptr;
+  PF_PluginDataEntryFunc pluginDataEntry = nullptr;
+  const int32_t* nvOptimus = nullptr;
+  std::vector<uint8_t> pipl;
+  PluginData pluginData;
+
+  // Global state, changed only by the set-up commands
+  PF_Handle globalData = nullptr;
+  bool globalSetupSent = false;
+  A_long globalOutFlags = 0, globalOutFlags2 = 0;
+
+  // Device
+  GpuKind deviceKind = GpuKind::None;
+  OpenCLDevice cl;
+  int cudaIndex = 0;
+  std::string deviceName;
+  A_long whatGpu = PF_GPU_Framework_NONE;
+  bool deviceSetupSent = false;
+  bool gpuReady = false;
+  void* gpuData = nullptr;
+
+  // Parameters
+  mutable std::mutex paramsMutex;
+  std::vector<ParamInfo> params;
+  std::optional<PF_CustomUIInfo> customUI;
+  std::vector<PF_PixelFormat> formats;
+
+  // Input layer
+  mutable std::mutex framesMutex;
+  std::map<A_long, std::shared_ptr<const Image>> frames;
+
+  // Worlds and caches
+  mutable std::mutex worldsMutex;
+  std::unordered_set<const WorldRecord*> liveWorlds;
+  std::unordered_map<const WorldRecord*, std::shared_ptr<WorldRecord>> effectWorlds;
+  std::mutex cacheMutex;  // held across an upload so one frame uploads once
+  std::map<A_long, CacheEntry> gpuCache, softCache;
+  std::multiset<A_long> pinned;  // frames booked by renders under way: never evicted
+  uint64_t cacheClock = 0;
+  std::atomic<size_t> uploads{0};
+
+  // Log
+  mutable std::mutex logMutex;
+  std::vector<CallRecord> log;
+  std::vector<CommandRecord> commands;
+
+  // Injection
+  mutable std::mutex injectMutex;
+  std::vector<Injection> injections;
+  std::set<std::string> missingSuites;
+  std::set<A_long> nullCheckouts;
+
+  std::atomic<uint64_t> nextRenderId{1};
+
+  // ---- AeHost.cpp ----
+  PF_Err Send(PF_Cmd cmd, A_long time, void* extra, RenderJob* job, PF_ParamDef** params, PF_LayerDef* output,
+              CommandRecord* record);
+  std::vector<PF_ParamDef> ParamArray(const PF_EffectWorld* layer) const;
+  std::optional<A_long> FrameKeyAt(A_long time) const;
+  std::shared_ptr<const Image> FrameByKey(A_long key) const;
+  PF_PixelFormat SoftwareFormat() const;
+  RenderResult RenderOne(A_long time, RenderPath path);
+
+  // ---- AeHostSuites.cpp ----
+  void Record(CallRecord::Kind kind, const char* suite, const char* op, const std::string& args, PF_Err result,
+              uint64_t renderId);
+  size_t BeginCommand(PF_Cmd cmd, const std::string& args, uint64_t renderId);
+  void EndCommand(size_t at, PF_Err result);
+  Trigger Check(const char* op);
+  bool SuiteMissing(const std::string& name);
+  std::shared_ptr<WorldRecord> NewWorld(bool gpu, A_long width, A_long height, PF_PixelFormat format, bool clear,
+                                        bool poison);
+  void UploadImage(WorldRecord& world, const Image& image);
+  Image DownloadImage(const WorldRecord& world);
+  const WorldRecord* FindWorld(const PF_EffectWorld* world) const;
+  std::shared_ptr<WorldRecord> CachedWorld(bool gpu, A_long key, const std::shared_ptr<const Image>& frame,
+                                           bool* uploaded);
+  void Pin(A_long key);
+  void Unpin(A_long key);
+  void DropCached(A_long key);
+  size_t LiveHandles() const;
+  void FreeAllHandles();
+  void SelectDeviceOnThisThread();
+};
+
+// The suites and callbacks the host hands out (AeHostSuites.cpp).
+extern const SPBasicSuite kBasicSuite;
+extern PF_UtilCallbacks kUtilCallbacks;
+PF_InteractCallbacks InteractCallbacks();
+extern PF_PreRenderCallbacks kPreRenderCallbacks;
+extern PF_SmartRenderCallbacks kSmartRenderCallbacks;
+PF_Err RecordPluginData(PF_PluginDataPtr inPtr, const A_u_char* name, const A_u_char* matchName,
+                        const A_u_char* category, const A_u_char* entryPoint, A_long kind, A_long apiMajor,
+                        A_long apiMinor, A_long reserved);
+
+// The host that suites without effect_ref report to: the one whose command
+// runs on this thread, else the one constructed last.
+Impl* CurrentHost();
+CommandContext* CurrentContext();
+void SetCurrentContext(CommandContext* context);
+void RegisterHost(Impl* host);
+void UnregisterHost(Impl* host);
+
+template <typename... T>
+std::string Args(const T&... parts) {
+  std::ostringstream s;
+  (s << ... << parts);
+  return s.str();
+}
+
+}  // namespace aehost
+
+#endif

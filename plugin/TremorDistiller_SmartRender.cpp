@@ -1,0 +1,202 @@
+// Pre-render books the frame stack with the host; smart render fetches it and
+// hands it to the GPU or the software path, and gives everything back.
+#include "TremorDistiller_SmartRender.h"
+
+#include <cmath>
+#include <new>
+#include <sstream>
+
+#include "LogsController.h"
+#include "TremorDistiller.h"
+#include "TremorDistiller_Parameters.h"
+
+A_long FrameCheckoutTime(A_long current_time, A_long time_step, A_long i, float offset) {
+  const float back = static_cast<float>(time_step * i) * offset;
+  return static_cast<A_long>(static_cast<float>(current_time) - back);
+}
+
+void UnionLRect(const PF_LRect& src, PF_LRect& dst) {
+  auto empty = [](const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; };
+  if (empty(dst)) {
+    dst = src;
+  } else if (!empty(src)) {
+    if (src.left < dst.left) dst.left = src.left;
+    if (src.top < dst.top) dst.top = src.top;
+    if (src.right > dst.right) dst.right = src.right;
+    if (src.bottom > dst.bottom) dst.bottom = src.bottom;
+  }
+}
+
+A_long StackLength(double framesValue) {
+  // The slider keeps "Frames" within 3 to 50; a host that sends more must not
+  // overrun the 50 frame origins, and frame 0 is always rendered.
+  const double cut = std::trunc(framesValue);
+  if (!(cut >= 1.0)) return 1;
+  if (cut > KERNEL_DATA_MAX_FRAMES) return KERNEL_DATA_MAX_FRAMES;
+  return static_cast<A_long>(cut);
+}
+
+bool ReplaceMissingFrame(PF_EffectWorld** frames, A_long i) {
+  if (i < 1 || frames[i]) return false;
+  frames[i] = frames[i - 1];
+  return true;
+}
+
+namespace {
+
+void DeleteKernelData(void* data) { delete static_cast<KernelData*>(data); }
+
+// One check-out/read/check-in cycle of a parameter at the current time.
+template <typename Read>
+PF_Err ReadParam(PF_InData* in_data, A_long diskId, Read read) {
+  PF_ParamDef def{};
+  const A_long index = FindParamIndex(diskId, ParamTable());
+  PF_Err err = PF_CHECKOUT_PARAM(in_data, index, in_data->current_time, in_data->time_step, in_data->time_scale, &def);
+  if (err) return err;
+  read(def);
+  return PF_CHECKIN_PARAM(in_data, &def);
+}
+
+}  // namespace
+
+PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
+  PF_RenderRequest req = extra->input->output_request;
+  req.rect = PF_LRect{-10000, -10000, 10000, 10000};
+  req.preserve_rgb_of_zero_alpha = 1;
+  extra->output->flags |= PF_RenderOutputFlag_GPU_RENDER_POSSIBLE | PF_RenderOutputFlag_RETURNS_EXTRA_PIXELS;
+
+  KernelData* kd = new (std::nothrow) KernelData;
+  if (!kd) {
+    std::ostringstream s;
+    s << LOG_ERROR_LINE << "Something wrong with allocation of Kernel Data";
+    Log(std::move(s));
+    return PF_Err_OUT_OF_MEMORY;
+  }
+
+  float offset = 0.0f;
+  PF_Err err = ReadParam(in_data, PARAM_FRAMES, [&](const PF_ParamDef& d) { kd->numFrames = StackLength(d.u.fs_d.value); });
+  if (!err) err = ReadParam(in_data, PARAM_FRAMES_OFFSET, [&](const PF_ParamDef& d) { offset = static_cast<float>(d.u.fs_d.value); });
+  if (!err) err = ReadParam(in_data, PARAM_FRAMES_FADE, [&](const PF_ParamDef& d) { kd->percentEase = PercentEaseFromFade(d.u.fs_d.value); });
+  if (!err) err = ReadParam(in_data, PARAM_BLENDING_MODE, [&](const PF_ParamDef& d) { kd->blendMode = static_cast<BlendMode>(PopupFromAE(d.u.pd.value)); });
+  if (!err) err = ReadParam(in_data, PARAM_DIFFERENCE_ALGORITHM, [&](const PF_ParamDef& d) { kd->diffMode = static_cast<DiffBlendMode>(PopupFromAE(d.u.pd.value)); });
+  if (!err) err = ReadParam(in_data, PARAM_OUTPUT, [&](const PF_ParamDef& d) { kd->output = static_cast<ColorFrom>(PopupFromAE(d.u.pd.value)); });
+  // The switches are read whatever happened above, and their errors ignored.
+  kd->normalize = kd->motion_amp = kd->chromatic = false;
+  ReadParam(in_data, PARAM_NORMALIZE, [&](const PF_ParamDef& d) { kd->normalize = CheckboxOn(d.u.bd.value); });
+  ReadParam(in_data, PARAM_MOTION_AMPLIFICATION, [&](const PF_ParamDef& d) { kd->motion_amp = CheckboxOn(d.u.bd.value); });
+  ReadParam(in_data, PARAM_CHROMATIC_ABERRATION, [&](const PF_ParamDef& d) { kd->chromatic = CheckboxOn(d.u.bd.value); });
+
+  extra->output->pre_render_data = kd;
+  extra->output->delete_pre_render_data_func = &DeleteKernelData;
+  if (err) return err;
+
+  PF_CheckoutResult result{};
+  err = extra->cb->checkout_layer(in_data->effect_ref, 0, 0, &req, in_data->current_time, in_data->time_step,
+                                  in_data->time_scale, &result);
+  if (err) return err;
+  kd->originH[0] = result.result_rect.left;
+  kd->originV[0] = result.result_rect.top;
+
+  // Test kept as the host's sample has it: top <= bottom, not bottom <= top.
+  if (result.max_result_rect.right <= result.max_result_rect.left &&
+      result.max_result_rect.top <= result.max_result_rect.bottom) {
+    UnionLRect(result.result_rect, extra->output->result_rect);
+    UnionLRect(result.max_result_rect, extra->output->max_result_rect);
+  } else {
+    const PF_LRect full{0, 0,
+                        static_cast<A_long>(std::ceil(static_cast<double>(in_data->downsample_x.num) * in_data->width /
+                                                      in_data->downsample_x.den)),
+                        static_cast<A_long>(std::ceil(static_cast<double>(in_data->downsample_y.num) *
+                                                      in_data->height / in_data->downsample_y.den))};
+    UnionLRect(full, extra->output->result_rect);
+    UnionLRect(full, extra->output->max_result_rect);
+  }
+
+  const PF_ParamIndex layer = FindParamIndex(PARAM_INPUT, ParamTable());
+  for (A_long i = 1; i < kd->numFrames && !err; ++i) {
+    const A_long when = FrameCheckoutTime(in_data->current_time, in_data->time_step, i, offset);
+    err = extra->cb->checkout_layer(in_data->effect_ref, layer, i, &req, when, in_data->time_step,
+                                    in_data->time_scale, &result);
+    if (!err) {
+      kd->originH[i] = result.result_rect.left;
+      kd->originV[i] = result.result_rect.top;
+    }
+  }
+  return err;
+}
+
+namespace {
+
+PF_Err SmartRenderCPU(PF_InData* in_data, PF_OutData* out_data, PF_SmartRenderExtra* extra) {
+  const A_long row = FindParamIndex(PARAM_INPUT, ParamTable());
+  PF_EffectWorld* input = nullptr;
+  PF_EffectWorld* output = nullptr;
+  PF_Err err = extra->cb->checkout_layer_pixels(in_data->effect_ref, row, &input);
+  if (!err) err = extra->cb->checkout_output(in_data->effect_ref, &output);
+  if (!err) err = RenderCPU(in_data, out_data, input, output);
+  const PF_Err checkin = extra->cb->checkin_layer_pixels(in_data->effect_ref, row);
+  return err ? err : checkin;
+}
+
+// Gives the frame list's handle back on every way out, a thrown one included.
+struct FrameListHandle {
+  const SuiteAccess<PF_HandleSuite2>& suite;
+  PF_Handle handle;
+  ~FrameListHandle() {
+    if (handle) {
+      suite->host_unlock_handle(handle);
+      suite->host_dispose_handle(handle);
+    }
+  }
+};
+
+PF_Err SmartRenderStack(PF_InData* in_data, PF_OutData* out_data, PF_SmartRenderExtra* extra) {
+  KernelData* kd = static_cast<KernelData*>(extra->input->pre_render_data);
+  const A_long numFrames = kd->numFrames < 1 ? 1 : (kd->numFrames > KERNEL_DATA_MAX_FRAMES ? KERNEL_DATA_MAX_FRAMES : kd->numFrames);
+
+  SuiteAccess<PF_HandleSuite2> handles(in_data);
+  FrameListHandle list{handles, handles->host_new_handle(sizeof(PF_EffectWorld*) * numFrames)};
+  PF_EffectWorld** frames = list.handle ? static_cast<PF_EffectWorld**>(handles->host_lock_handle(list.handle)) : nullptr;
+  PF_Err err = PF_Err_NONE;
+  if (!frames) {
+    std::ostringstream s;
+    s << LOG_ERROR_LINE << "Cannot initialize layer frames";
+    Log(std::move(s));
+    err = PF_Err_OUT_OF_MEMORY;
+  } else {
+    for (A_long i = 0; i < numFrames; ++i) frames[i] = nullptr;
+  }
+
+  PF_EffectWorld* output = nullptr;
+  if (!err) err = extra->cb->checkout_layer_pixels(in_data->effect_ref, 0, &frames[0]);
+  if (!err) err = extra->cb->checkout_output(in_data->effect_ref, &output);
+
+  PF_PixelFormat format = PF_PixelFormat_INVALID;
+  {
+    ScopedSuite<PF_WorldSuite2> worlds(in_data, out_data);
+    if (!err) err = worlds->PF_GetPixelFormat(frames[0], &format);
+    for (A_long i = 1; i < numFrames && !err; ++i) {
+      err = extra->cb->checkout_layer_pixels(in_data->effect_ref, i, &frames[i]);
+      if (!err && ReplaceMissingFrame(frames, i) && i == numFrames - 1) {
+        // A zero time step has no frame number to show; the time itself is.
+        const A_long at = in_data->time_step ? in_data->current_time / in_data->time_step : in_data->current_time;
+        std::ostringstream s;
+        s << LOG_ERROR_LINE << "Reached a last NULL frame at #" << at << " frame.";
+        Log(std::move(s));
+      }
+    }
+    if (!err) err = SmartRenderGPU(in_data, out_data, format, frames, output, extra, kd);
+    // Every index goes back, also those never fetched.
+    for (A_long i = 0; i < numFrames; ++i) {
+      const PF_Err checkin = extra->cb->checkin_layer_pixels(in_data->effect_ref, i);
+      if (!err) err = checkin;
+    }
+  }
+  return err;
+}
+
+}  // namespace
+
+PF_Err SmartRender(PF_InData* in_data, PF_OutData* out_data, PF_SmartRenderExtra* extra, bool useGPU) {
+  return useGPU ? SmartRenderStack(in_data, out_data, extra) : SmartRenderCPU(in_data, out_data, extra);
+}
