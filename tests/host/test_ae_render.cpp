@@ -14,6 +14,9 @@
 
 #include "AeHost.h"
 #include "CpuRender.h"
+#ifdef TD_HAVE_CUDA
+#include "CudaDevice.h"
+#endif
 #include "KernelTestSupport.h"
 
 namespace {
@@ -86,6 +89,14 @@ std::string ReadLog(const std::string& tmp) {
   return s.str();
 }
 
+bool HasCudaDevice() {
+#ifdef TD_HAVE_CUDA
+  return CudaDeviceCount() > 0;
+#else
+  return false;
+#endif
+}
+
 size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
   for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
@@ -102,11 +113,14 @@ class AeRender : public ::testing::Test {
     setenv("TMPDIR", tmp_.c_str(), 1);
     aehost::HostOptions options;
     options.rowPaddingBytes = 48;  // GPU worlds with a pitch wider than the frame
-    host_ = std::make_unique<AeHost>(TD_MODULE_PATH, options);
+    // The module can be pointed elsewhere, e.g. on a machine the build was copied to.
+    const char* module = std::getenv("TD_MODULE_PATH");
+    host_ = std::make_unique<AeHost>(module ? module : TD_MODULE_PATH, options);
     for (int k = 0; k < 12; ++k) host_->AddFrame(host_->FrameTime(k), ClipFrame(k));
   }
-  void SetUpGpu() {
+  void SetUpGpu(aehost::GpuKind kind = aehost::GpuKind::OpenCL) {
     aehost::DeviceOptions device;
+    device.kind = kind;
     ASSERT_EQ(host_->SetUp(&device), 0);
     ASSERT_TRUE(host_->GpuReady());
   }
@@ -116,8 +130,11 @@ class AeRender : public ::testing::Test {
   std::unique_ptr<AeHost> host_;
 };
 
-TEST_F(AeRender, EveryModeAndSwitchMatchesTheReference) {
-  SetUpGpu();
+class AeRenderDevices : public AeRender, public ::testing::WithParamInterface<aehost::GpuKind> {};
+
+TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
+  if (GetParam() == aehost::GpuKind::Cuda && !HasCudaDevice()) GTEST_SKIP() << "no CUDA device on this machine";
+  SetUpGpu(GetParam());
   struct Setting { A_long id; double value; } settings[] = {
       {0, 0}, {19, 2}, {20, 2}, {23, 2}, {23, 3}, {24, 1}, {22, 1}, {21, 1}, {12, 0}, {5, 3},
   };
@@ -151,6 +168,9 @@ TEST_F(AeRender, EveryModeAndSwitchMatchesTheReference) {
     if (s.id == 5) Set(5, 10);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(, AeRenderDevices, ::testing::Values(aehost::GpuKind::OpenCL, aehost::GpuKind::Cuda),
+                         [](const auto& info) { return info.param == aehost::GpuKind::Cuda ? "Cuda" : "OpenCL"; });
 
 TEST_F(AeRender, StartOfClipRepeatsTheOldestFrameAndSaysSoOnce) {
   SetUpGpu();
