@@ -1,0 +1,49 @@
+// The built module in the stand-in host: a fresh host and log folder a test.
+#ifndef TD_TESTS_MODULE_HOST_TEST_H
+#define TD_TESTS_MODULE_HOST_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "AeHost.h"
+
+class ModuleHostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("POCL_CACHE_DIR", TD_POCL_CACHE_DIR, 0);
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    tmp_ = std::string(TD_TEST_TMP_DIR) + "/" + info->test_suite_name() + "-" + info->name();
+    std::filesystem::remove_all(tmp_);
+    std::filesystem::create_directories(tmp_);
+    setenv("TMPDIR", tmp_.c_str(), 1);  // the module's log folder, read at global set-up
+  }
+  // Replaces the previous host; a later global set-up starts the log afresh.
+  aehost::AeHost& NewHost(aehost::HostOptions options = {}) {
+    host_.reset();
+    host_ = std::make_unique<aehost::AeHost>(TD_MODULE_PATH, options);
+    return *host_;
+  }
+  std::string Log() const {
+    std::ifstream in(tmp_ + "/Harbour Lantern Lab/com.hll.tremordistiller.log");
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  size_t LogCount(const std::string& needle) const {
+    const std::string text = Log();
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+  }
+
+  std::string tmp_;
+  std::unique_ptr<aehost::AeHost> host_;
+};
+
+#endif
