@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test bench clean
+.PHONY: all deps configure build test bench demo install clean
 
 all: build
 
@@ -23,6 +23,14 @@ test: build
 
 bench: build
 	$(BUILD)/bench/tremor_bench
+	bash bench/compare_ffmpeg.sh $(BUILD)
+
+# Renders a generated sample clip and writes a contact sheet under demo/.
+demo: build
+	bash scripts/demo.sh $(BUILD)
+
+install: build
+	cmake --install $(BUILD)
 
 clean:
 	rm -rf $(BUILD)

@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
   libstb-dev
+  ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+  libcli11-dev
 )
 
 missing=()

@@ -1,0 +1,94 @@
+// Reading and writing pictures for tremor-render, through FFmpeg's libraries:
+// any video they decode or an image sequence given as a printf pattern
+// (PNG 8/16-bit, EXR, TIFF) in; H.264 .mp4, ProRes 4444 .mov, FFV1 .mkv, or a
+// .png (16-bit RGBA) / .exr (32-bit float RGBA) pattern out.
+//
+// Pixels are R, G, B, A floats, rows top to bottom. Values reach the caller
+// unchanged: 8-bit v becomes v/255, 16-bit v/65535, float stays; Y'CbCr is
+// converted with the stream's own matrix and range, no change of transfer;
+// alpha is 1 where the source has none. Integer outputs clamp to 0..1.
+#ifndef TREMOR_TOOLS_MEDIAIO_H
+#define TREMOR_TOOLS_MEDIAIO_H
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace media {
+
+// Every failure: one line that names the problem (file, frame number, ...).
+class MediaError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Picture {
+  int width = 0;
+  int height = 0;
+  std::vector<float> rgba;  // width * height * 4
+};
+
+struct Rational {
+  int num = 0;
+  int den = 1;
+};
+
+struct InputInfo {
+  int width = 0;
+  int height = 0;
+  Rational frameRate;      // frames per second
+  Rational timeBase;       // of the frame timestamps below
+  int64_t frameCount = -1;  // -1 when the container does not say
+  bool hasAudio = false;
+  bool isSequence = false;
+};
+
+class Reader {
+ public:
+  // A path to a video, or a printf pattern such as "shots/a.%04d.png".
+  // Throws MediaError for a missing/unreadable file or a stream with no video.
+  explicit Reader(const std::string& input);
+  ~Reader();
+  const InputInfo& Info() const;
+  // The next frame in presentation order; false at the end. Throws MediaError
+  // naming the frame number (0-based) for a corrupt frame.
+  bool Next(Picture& picture);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// FFmpeg's own log down to errors only (its default also prints encoder stats).
+void QuietLibraries();
+
+enum class OutputKind { Mp4, Mov, Mkv, PngSequence, ExrSequence };
+
+// By the output's extension; throws MediaError for an unknown one.
+OutputKind OutputKindFor(const std::string& output);
+
+class Writer {
+ public:
+  // Writes to `output` (for a video, at that exact path, which the caller makes
+  // a temporary name; for a sequence, the pattern's files). Frame rate and
+  // timing follow `info`; audio of `audioSource` is copied into video outputs.
+  Writer(const std::string& output, OutputKind kind, const InputInfo& info, const std::string& audioSource);
+  ~Writer();
+  // `frameNumber` is the input frame this picture belongs to: it names a
+  // sequence's file (the pattern's number) and times a video frame.
+  void Write(const Picture& picture, int64_t frameNumber);
+  // Flushes encoders and closes the file; after this the output is complete.
+  void Finish();
+  // Files written so far (sequence frames, or the one video), for clean-up.
+  std::vector<std::string> Files() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace media
+
+#endif
