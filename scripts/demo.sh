@@ -12,10 +12,15 @@ sample=demo/sample.mp4
 out=demo/motion.mp4
 sheet=demo/contact-sheet.png
 
-# A still grid and gradient, a ball swinging across it and a bar sliding down.
-ffmpeg -v error -y -f lavfi \
-  -i "color=c=0x1b2533:s=480x270:r=25:d=4,format=rgb24,drawgrid=w=40:h=40:t=1:c=0x3a4a60,drawbox=x=0:y=230:w=480:h=40:c=0x2d3d2d:t=fill,drawbox=x='240+180*sin(2*t)-18':y='120+60*cos(3*t)-18':w=36:h=36:c=0xf0c040:t=fill,drawbox=x=60:y='mod(70*t,270)':w=90:h=10:c=0x40c0f0:t=fill" \
-  -c:v libx264 -pix_fmt yuv420p -crf 16 "$sample"
+# A still grid and ground, a square swinging across it and a bar sliding down.
+# The moving parts are overlays: drawbox evaluates its position only once.
+ffmpeg -v error -y -f lavfi -i "\
+color=c=0x1b2533:s=480x270:r=25:d=4,format=rgb24,drawgrid=w=40:h=40:t=1:c=0x3a4a60,\
+drawbox=x=0:y=230:w=480:h=40:c=0x2d3d2d:t=fill[bg];\
+color=c=0xf0c040:s=36x36:r=25[square];color=c=0x40c0f0:s=90x10:r=25[bar];\
+[bg][square]overlay=x='222+180*sin(2*t)':y='117+60*cos(3*t)':eval=frame:shortest=1[a];\
+[a][bar]overlay=x=60:y='mod(70*t,270)':eval=frame:shortest=1,format=yuv420p" \
+  -c:v libx264 -crf 16 "$sample"
 
 "$build/tremor-render" "$sample" -o "$out"
 

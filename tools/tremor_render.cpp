@@ -339,6 +339,7 @@ int Fail(const std::string& message, int code = 1) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  media::QuietLibraries();
   Options o;
   CLI::App app{"Renders a clip through the Tremor Distiller effect.", "tremor-render"};
   app.add_option("INPUT", o.input, "Video file, or an image sequence pattern such as shots/a.%04d.png");

@@ -89,6 +89,10 @@ GF_DEVICE_FUNCTION float4 displacedRead(GF_CONST_PTR(float4) inIm, GF_CONST_PTR(
                                         float2 uv, unsigned int inWidth, unsigned int inHeight, int inPrePitch,
                                         int inCurPitch, int is16Bit, unsigned int x, unsigned int y)
 {
+    /* Without displacement or colour split the flow cannot move the read, so
+     * the flow's nine reads and its arithmetic are skipped. */
+    if (params->displaceIntensity == 0.0f && !params->chromatic)
+        return getTexture(inIm, uv, inWidth, inHeight, inPrePitch, is16Bit);
     float2 texel = make_float2(1.0f / (float)inWidth, 1.0f / (float)inHeight);
     float2 flow = getFlow(inPre, inCur, params, inWidth, inHeight, inPrePitch, inCurPitch, is16Bit, x, y);
     float2 st = uv + flow * texel * params->displaceIntensity;
