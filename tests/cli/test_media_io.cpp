@@ -191,18 +191,21 @@ INSTANTIATE_TEST_SUITE_P(Videos, LossyVideo,
                                            Lossy{"ProRes4444", "v.mov", {24, 1}, 0.005f, 1.5f / 1023}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// PNGs from FFmpeg's own encoder: 8-bit v reads as v/255, 16-bit v as v/65535,
+// PNGs and TIFFs from FFmpeg's own encoders: 8-bit v reads as v/255, 16-bit v as v/65535,
 // grey fills R, G and B, and no alpha reads as 1.
-TEST(ReadPaths, IntegerPngIsVOverMax) {
+TEST(ReadPaths, IntegerPngAndTiffAreVOverMax) {
   const fs::path dir = TempDir();
   const struct {
     const char* raw;  // little-endian input to ffmpeg
-    const char* png;
+    const char* png;  // pixel format of the file
     int channels, bytes;
     bool alpha;
+    const char* ext = ".png";
   } cases[] = {{"rgba", "rgba", 4, 1, true},          {"rgba", "rgb24", 4, 1, false},
                {"gray", "gray", 1, 1, false},         {"rgba64le", "rgba64be", 4, 2, true},
-               {"rgba64le", "rgb48be", 4, 2, false},  {"gray16le", "gray16be", 1, 2, false}};
+               {"rgba64le", "rgb48be", 4, 2, false},  {"gray16le", "gray16be", 1, 2, false},
+               {"rgba", "rgba", 4, 1, true, ".tif"},  {"rgba64le", "rgba64le", 4, 2, true, ".tif"},
+               {"rgba64le", "rgb48le", 4, 2, false, ".tif"}};
   constexpr int kW = 16, kH = 4;
   for (const auto& c : cases) {
     std::vector<unsigned> values(kW * kH * c.channels);
@@ -213,16 +216,16 @@ TEST(ReadPaths, IntegerPngIsVOverMax) {
     }
     const std::string rawPath = (dir / (std::string(c.png) + ".raw")).string();
     std::ofstream(rawPath, std::ios::binary) << raw;
-    const std::string png = (dir / (std::string(c.png) + ".png")).string();
+    const std::string png = (dir / (std::string(c.png) + c.ext)).string();
     Sh("ffmpeg -y -f rawvideo -pix_fmt " + std::string(c.raw) + " -s " + std::to_string(kW) + "x" + std::to_string(kH) +
        " -i " + rawPath + " -pix_fmt " + c.png + " -frames:v 1 " + png);
     const auto out = ReadAll(png);  // one file, no pattern
-    ASSERT_EQ(out.size(), 1u) << c.png;
+    ASSERT_EQ(out.size(), 1u) << png;
     const float max = c.bytes == 1 ? 255.0f : 65535.0f;
     for (int p = 0; p < kW * kH; ++p)
       for (int k = 0; k < 4; ++k) {
         const float want = k == 3 && !c.alpha ? 1.0f : values[p * c.channels + (c.channels == 1 ? 0 : k)] / max;
-        ASSERT_EQ(out[0].rgba[p * 4 + k], want) << c.png << " pixel " << p << " channel " << k;
+        ASSERT_EQ(out[0].rgba[p * 4 + k], want) << png << " pixel " << p << " channel " << k;
       }
   }
 }
