@@ -61,10 +61,12 @@ struct Options {
   int jobs = 1;
 };
 
+// Where the module writes its log: its folder under the temporary directory,
+// which the module finds the same way.
 std::string LogPath() {
-  std::string tmp = std::getenv("TMPDIR") && *std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp";
-  while (tmp.size() > 1 && tmp.back() == '/') tmp.pop_back();
-  return tmp + "/Harbour Lantern Lab/com.hll.tremordistiller.log";
+  std::error_code ec;
+  const fs::path tmp = fs::temp_directory_path(ec);
+  return ((ec ? fs::path("/tmp") : tmp) / "Harbour Lantern Lab" / "com.hll.tremordistiller.log").string();
 }
 
 // TD_MODULE_PATH, then beside the executable (build tree), then the install
