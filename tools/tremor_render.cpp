@@ -418,7 +418,9 @@ int main(int argc, char** argv) {
   try {
     return Run(o);
   } catch (const Interrupted&) {
-    std::fprintf(stderr, "\ntremor-render: interrupted; nothing written\n");
+    // The bar, where one is drawn, gives way to the message; ^C stays on its own line.
+    std::fputs(::isatty(STDERR_FILENO) && !o.quiet ? "\r\033[K" : "\n", stderr);
+    std::fprintf(stderr, "tremor-render: interrupted; nothing written\n");
     return 128 + gSignal;
   } catch (const std::exception& e) {
     std::fputs(::isatty(STDERR_FILENO) && !o.quiet ? "\r\033[K" : "", stderr);
