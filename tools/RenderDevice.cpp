@@ -30,9 +30,9 @@ int ParseIndex(const std::string& s) {
 
 }  // namespace
 
-void CheckDeviceSyntax(const std::string& spec) {
-  const auto colon = spec.find(':');
-  const std::string kind = spec.substr(0, colon), arg = colon == std::string::npos ? "" : spec.substr(colon + 1);
+void CheckDeviceSyntax(const std::string& text) {
+  const auto colon = text.find(':');
+  const std::string kind = text.substr(0, colon), arg = colon == std::string::npos ? "" : text.substr(colon + 1);
   const auto dot = arg.find('.');
   bool ok = false;
   if (kind == "auto") ok = colon == std::string::npos;
@@ -40,15 +40,15 @@ void CheckDeviceSyntax(const std::string& spec) {
     ok = colon == std::string::npos ||
          (dot != std::string::npos && ParseIndex(arg.substr(0, dot)) >= 0 && ParseIndex(arg.substr(dot + 1)) >= 0);
   if (kind == "cuda") ok = colon == std::string::npos || ParseIndex(arg) >= 0;
-  if (!ok) throw DeviceError("bad --device '" + spec + "': expected auto, opencl[:PLATFORM.DEVICE] or cuda[:N]");
+  if (!ok) throw DeviceError("bad --device '" + text + "': expected auto, opencl[:PLATFORM.DEVICE] or cuda[:N]");
 }
 
-aehost::DeviceOptions ResolveDevice(const std::string& spec) {
+aehost::DeviceOptions ResolveDevice(const std::string& text) {
   aehost::DeviceOptions d;
-  const auto colon = spec.find(':');
-  const std::string kind = spec.substr(0, colon);
+  const auto colon = text.find(':');
+  const std::string kind = text.substr(0, colon);
   const bool hasArg = colon != std::string::npos;
-  const std::string arg = hasArg ? spec.substr(colon + 1) : "";
+  const std::string arg = hasArg ? text.substr(colon + 1) : "";
 
   if (kind == "auto" && !hasArg) {
     if (CudaCount() > 0) {
@@ -72,28 +72,28 @@ aehost::DeviceOptions ResolveDevice(const std::string& spec) {
     const auto dot = arg.find('.');
     const int p = dot == std::string::npos ? -1 : ParseIndex(arg.substr(0, dot));
     const int i = dot == std::string::npos ? -1 : ParseIndex(arg.substr(dot + 1));
-    if (p < 0 || i < 0) throw DeviceError("bad --device '" + spec + "': expected opencl:PLATFORM.DEVICE, e.g. opencl:0.0");
+    if (p < 0 || i < 0) throw DeviceError("bad --device '" + text + "': expected opencl:PLATFORM.DEVICE, e.g. opencl:0.0");
     for (const auto& info : devices)
       if (info.platformIndex == p && info.deviceIndex == i) {
         d.platformIndex = p;
         d.deviceIndex = i;
         return d;
       }
-    throw DeviceError("no device " + spec + " (see --list-devices)");
+    throw DeviceError("no device " + text + " (see --list-devices)");
   }
   if (kind == "cuda") {
 #ifndef TD_HAVE_CUDA
     throw DeviceError("this build of tremor-render has no CUDA support");
 #else
     const int n = hasArg ? ParseIndex(arg) : 0;
-    if (n < 0) throw DeviceError("bad --device '" + spec + "': expected cuda:N, e.g. cuda:0");
-    if (n >= CudaCount()) throw DeviceError("no device " + spec + " (see --list-devices)");
+    if (n < 0) throw DeviceError("bad --device '" + text + "': expected cuda:N, e.g. cuda:0");
+    if (n >= CudaCount()) throw DeviceError("no device " + text + " (see --list-devices)");
     d.kind = aehost::GpuKind::Cuda;
     d.deviceIndex = n;
     return d;
 #endif
   }
-  throw DeviceError("bad --device '" + spec + "': expected auto, opencl[:PLATFORM.DEVICE] or cuda[:N]");
+  throw DeviceError("bad --device '" + text + "': expected auto, opencl[:PLATFORM.DEVICE] or cuda[:N]");
 }
 
 std::string DeviceListing() {

@@ -18,11 +18,11 @@ class DeviceError : public std::runtime_error {
 // "auto", "opencl", "opencl:P.D", "cuda", "cuda:N". Checks that the device
 // exists; auto takes CUDA if present, else an OpenCL GPU, else any OpenCL
 // device (PoCL on the CPU). Throws DeviceError.
-aehost::DeviceOptions ResolveDevice(const std::string& spec);
+aehost::DeviceOptions ResolveDevice(const std::string& text);
 
 // Checks only the form of a --device value, loading no device library.
 // Throws DeviceError.
-void CheckDeviceSyntax(const std::string& spec);
+void CheckDeviceSyntax(const std::string& text);
 
 // One line per device, as --device spells it, then its name.
 std::string DeviceListing();
