@@ -133,6 +133,7 @@ struct Reader::Impl {
     throw MediaError("corrupt frame " + std::to_string(index) + " in '" + name + "'");
   }
   void Convert(const AVFrame& f, Picture& p);
+  bool Decode(Picture* picture);  // nullptr: decode only
 };
 
 Reader::Reader(const std::string& input) : impl_(new Impl) {
@@ -259,12 +260,16 @@ void Reader::Impl::Convert(const AVFrame& f, Picture& p) {
   }
 }
 
-bool Reader::Next(Picture& picture) {
-  Impl& m = *impl_;
+bool Reader::Next(Picture& picture) { return impl_->Decode(&picture); }
+
+bool Reader::Skip() { return impl_->Decode(nullptr); }
+
+bool Reader::Impl::Decode(Picture* picture) {
+  Impl& m = *this;
   for (;;) {
     int r = avcodec_receive_frame(m.dec.get(), m.frame.get());
     if (r == 0) {
-      m.Convert(*m.frame, picture);
+      if (picture) m.Convert(*m.frame, *picture);
       av_frame_unref(m.frame.get());
       ++m.index;
       return true;

@@ -55,6 +55,9 @@ class Reader {
   // The next frame in presentation order; false at the end. Throws MediaError
   // naming the frame number (0-based) for a corrupt frame.
   bool Next(Picture& picture);
+  // The same, decoding the frame without converting it: for frames no one
+  // will look at, which must still be decoded to reach later ones.
+  bool Skip();
 
  private:
   struct Impl;

@@ -21,6 +21,7 @@
 #include "MediaIO.h"
 #include "RenderDevice.h"
 #include "RenderProgress.h"
+#include "TremorDistiller_Parameters.h"  // Disk IDs only: the effect's code is not linked
 
 #ifndef TD_VERSION
 #define TD_VERSION "unknown"
@@ -30,10 +31,27 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Disk IDs of the effect's controls; stored in projects, so stable.
-constexpr A_long kFrames = 5, kFramesOffset = 6, kFramesFade = 12, kBlendingMode = 19, kDifferenceAlgorithm = 20,
-                 kChromaticAberration = 21, kMotionAmplification = 22, kOutput = 23, kNormalize = 24;
 constexpr char kModuleName[] = "TremorDistiller.so";
+
+// The effect's controls on the command line, found by Disk ID. Ranges,
+// defaults and choices are the module's own, read from what it registers.
+struct EffectOption {
+  const char* flag;
+  ParamDiskId id;
+  const char* help;
+};
+constexpr EffectOption kEffectOptions[] = {
+    {"--frames", PARAM_FRAMES, "Frames in the stack"},
+    {"--frames-offset", PARAM_FRAMES_OFFSET, "Frames between stacked frames; fractions allowed, negative looks ahead"},
+    {"--frames-fade", PARAM_FRAMES_FADE, "Fade of older frames, percent"},
+    {"--blending-mode", PARAM_BLENDING_MODE, "How each difference joins the accumulation"},
+    {"--difference-algorithm", PARAM_DIFFERENCE_ALGORITHM, "How neighbouring frames are compared"},
+    {"--output", PARAM_OUTPUT, "What is delivered"},
+    {"--motion-amplification", PARAM_MOTION_AMPLIFICATION, "Push the accumulation along the motion"},
+    {"--chromatic-aberration", PARAM_CHROMATIC_ABERRATION, "Split the accumulation by colour"},
+    {"--normalize", PARAM_NORMALIZE, "Normalize the delivered picture"},
+};
+constexpr size_t kEffectOptionCount = std::size(kEffectOptions);
 
 volatile std::sig_atomic_t gSignal = 0;
 void OnSignal(int sig) { gSignal = sig; }
@@ -50,11 +68,9 @@ void CheckInterrupt() {
 
 struct Options {
   std::string input, output;
-  int frames = 10;
-  double framesOffset = 1.0;
-  double framesFade = 80.0;
-  int blendingMode = 1, differenceAlgorithm = 1, outputMode = 1;
-  bool motionAmplification = false, chromaticAberration = false, normalize = false;
+  // Effect controls the user gave, by their kEffectOptions row: host values
+  // (popups count from 1). Controls not given keep the module's defaults.
+  std::vector<std::pair<ParamDiskId, double>> effect;
   std::string device = "auto";
   bool listDevices = false, version = false, quiet = false;
   int64_t start = 0, end = -1;
@@ -89,6 +105,16 @@ std::string FindModule() {
   for (const auto& c : candidates)
     if (fs::exists(c, ec)) return c.string();
   throw Failure(std::string("cannot find the effect module ") + kModuleName + "; set TD_MODULE_PATH");
+}
+
+// Loads the module and runs its global and parameter set-up: the controls'
+// ranges and defaults come from there.
+std::unique_ptr<aehost::AeHost> LoadEffect() {
+  auto host = std::make_unique<aehost::AeHost>(FindModule());
+  if (const PF_Err err = host->SetUp(nullptr))
+    throw Failure("the effect could not be set up (code " + std::to_string(err) + "); see the effect's log at " +
+                  LogPath());
+  return host;
 }
 
 // The output is staged under a hidden temporary name in its own folder, so a
@@ -162,6 +188,12 @@ void SetParam(aehost::AeHost& host, A_long diskId, double value) {
   host.SetParamValue(index, value);
 }
 
+double SliderValue(aehost::AeHost& host, A_long diskId) {
+  const PF_ParamIndex index = host.FindParam(diskId);
+  if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(diskId));
+  return host.ParamValue(index).u.fs_d.value;
+}
+
 // A frame the effect asked for that lies inside the clip must have been in the
 // host; otherwise the window above is too small and the output would silently
 // differ from a whole render.
@@ -177,7 +209,7 @@ void CheckWindow(aehost::AeHost& host, const aehost::RenderResult& r, int64_t k,
   }
 }
 
-int Run(const Options& o) {
+int Run(aehost::AeHost& host, const Options& o) {
   const fs::path output(o.output);
   const media::OutputKind kind = media::OutputKindFor(o.output);
   const bool sequence = kind == media::OutputKind::PngSequence || kind == media::OutputKind::ExrSequence;
@@ -194,11 +226,9 @@ int Run(const Options& o) {
     throw Failure("--start " + std::to_string(o.start) + " is past the clip's last frame (" +
                   std::to_string(info.frameCount - 1) + ")");
 
-  // The module's global set-up runs before any device library is loaded, as
+  // The module's global set-up ran before any device library was loaded, as
   // in the host tests; the other order crashed the module's logging on a GPU machine.
-  aehost::AeHost host(FindModule());
-  PF_Err err = host.SetUp(nullptr);
-  if (!err) err = host.SetupDevice(render::ResolveDevice(o.device));
+  const PF_Err err = host.SetupDevice(render::ResolveDevice(o.device));
   if (err)
     throw Failure("the effect could not be set up (code " + std::to_string(err) + "); see the effect's log at " +
                   LogPath());
@@ -206,15 +236,7 @@ int Run(const Options& o) {
   if (!host.GpuReady() && !o.quiet)
     std::fprintf(stderr, "tremor-render: the effect declined %s; rendering in software\n", host.DeviceName().c_str());
 
-  SetParam(host, kFrames, o.frames);
-  SetParam(host, kFramesOffset, o.framesOffset);
-  SetParam(host, kFramesFade, o.framesFade);
-  SetParam(host, kBlendingMode, o.blendingMode);
-  SetParam(host, kDifferenceAlgorithm, o.differenceAlgorithm);
-  SetParam(host, kOutput, o.outputMode);
-  SetParam(host, kMotionAmplification, o.motionAmplification);
-  SetParam(host, kChromaticAberration, o.chromaticAberration);
-  SetParam(host, kNormalize, o.normalize);
+  for (const auto& [id, value] : o.effect) SetParam(host, id, value);
 
   // Last output frame wanted; INT64_MAX runs to the end of the clip.
   int64_t last = o.end >= 0 ? o.end : INT64_MAX;
@@ -223,7 +245,9 @@ int Run(const Options& o) {
   // Host times are 32-bit: frame k sits at k * timeStep.
   const int64_t maxFrame = INT_MAX / std::max<A_long>(1, host.Options().timeStep) - 1;
 
-  const Window window = NeededFrames(o.frames, o.framesOffset);
+  // "Frames" counts whole frames, as the effect reads it.
+  const Window window = NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)),
+                                     SliderValue(host, PARAM_FRAMES_OFFSET));
   Staging staging(output, sequence);
   auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), kind, info,
                                                 info.hasAudio ? o.input : std::string());
@@ -238,18 +262,20 @@ int Run(const Options& o) {
     while (!eof && read <= batchLast + window.ahead) {
       CheckInterrupt();
       if (read > maxFrame) throw Failure("the clip is too long for the host's time line");
-      if (!reader.Next(picture)) {
+      // Frames older than any output still to come never reach the host, so
+      // they are only decoded (a chunk late in a clip passes many of them).
+      const bool wanted = read >= next - window.back;
+      if (!(wanted ? reader.Next(picture) : reader.Skip())) {
         CheckInterrupt();  // a signal may have cut a read short
         eof = true;
         break;
       }
-      if (read == 0 && width <= 0) width = picture.width, height = picture.height;
-      if (picture.width != width || picture.height != height)
-        throw Failure("frame " + std::to_string(read) + " is " + std::to_string(picture.width) + "x" +
-                      std::to_string(picture.height) + ", unlike the clip's " + std::to_string(width) + "x" +
-                      std::to_string(height));
-      // Frames older than any output still to come never reach the host.
-      if (read >= next - window.back) {
+      if (wanted) {
+        if (width <= 0) width = picture.width, height = picture.height;
+        if (picture.width != width || picture.height != height)
+          throw Failure("frame " + std::to_string(read) + " is " + std::to_string(picture.width) + "x" +
+                        std::to_string(picture.height) + ", unlike the clip's " + std::to_string(width) + "x" +
+                        std::to_string(height));
         aehost::Image image;
         image.width = picture.width;
         image.height = picture.height;
@@ -314,23 +340,92 @@ std::string FirstLine(std::string s) {
   return s;
 }
 
-// CLI11's own range message prints doubles with six decimals.
-CLI::Validator InRange(int lo, int hi) {
-  return CLI::Validator(
-      [lo, hi](std::string& text) -> std::string {
-        double v = 0;
-        if (!CLI::detail::lexical_cast(text, v)) return "value " + text + " is not a number";
-        if (!(v >= lo && v <= hi))
-          return "value " + text + " is outside " + std::to_string(lo) + ".." + std::to_string(hi);
-        return {};
-      },
-      std::to_string(lo) + ".." + std::to_string(hi));
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
 }
 
-int ChoiceNumber(const std::vector<std::string>& choices, const std::string& text) {
-  for (size_t i = 0; i < choices.size(); ++i)
-    if (CLI::detail::to_lower(text) == choices[i]) return static_cast<int>(i) + 1;
-  return 1;  // unreachable: IsMember checked the text
+// CLI11's own range message prints doubles with six decimals.
+CLI::Validator InRange(double lo, double hi) {
+  const std::string range = Number(lo) + ".." + Number(hi);
+  return CLI::Validator(
+      [lo, hi, range](std::string& text) -> std::string {
+        double v = 0;
+        if (!CLI::detail::lexical_cast(text, v)) return "value " + text + " is not a number";
+        if (!(v >= lo && v <= hi)) return "value " + text + " is outside " + range;
+        return {};
+      },
+      range);
+}
+
+// A popup's choices as the command line spells them: "Add|Screen" gives add, screen.
+std::vector<std::string> ChoiceWords(const char* names) {
+  std::vector<std::string> words;
+  std::string word;
+  for (const char* c = names ? names : ""; ; ++c) {
+    if (*c == '|' || *c == '\0') {
+      words.push_back(CLI::detail::to_lower(word));
+      word.clear();
+      if (*c == '\0') break;
+    } else {
+      word += *c;
+    }
+  }
+  return words;
+}
+
+// What the user typed for the effect's controls, by kEffectOptions row.
+struct EffectInput {
+  double number[kEffectOptionCount] = {};
+  std::string choice[kEffectOptionCount];
+  bool flag[kEffectOptionCount] = {};
+  CLI::Option* option[kEffectOptionCount] = {};
+  std::vector<std::string> words[kEffectOptionCount];
+};
+
+// One command-line option per control, typed, ranged and defaulted as the
+// module registered it.
+void AddEffectOptions(CLI::App& app, aehost::AeHost& host, EffectInput& in) {
+  auto* group = app.add_option_group("Effect");
+  for (size_t i = 0; i < kEffectOptionCount; ++i) {
+    const EffectOption& row = kEffectOptions[i];
+    const PF_ParamIndex index = host.FindParam(row.id);
+    if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(row.id));
+    const PF_ParamDef def = host.Params()[index - 1].def;
+    if (def.param_type == PF_Param_CHECKBOX) {
+      in.option[i] = group->add_flag(row.flag, in.flag[i], row.help);
+    } else if (def.param_type == PF_Param_POPUP) {
+      in.words[i] = ChoiceWords(def.u.pd.u.namesptr);
+      CLI::Option* opt = group->add_option(row.flag, in.choice[i], row.help);
+      opt->check(CLI::IsMember(in.words[i], CLI::ignore_case));
+      const int first = def.u.pd.dephault - 1;
+      if (first >= 0 && first < static_cast<int>(in.words[i].size())) opt->default_str(in.words[i][first]);
+      in.option[i] = opt;
+    } else {
+      CLI::Option* opt = group->add_option(row.flag, in.number[i], row.help);
+      opt->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max));
+      opt->default_str(Number(def.u.fs_d.dephault));
+      in.option[i] = opt;
+    }
+  }
+}
+
+// The controls the user gave, as host values; popups count from 1.
+std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const EffectInput& in) {
+  std::vector<std::pair<ParamDiskId, double>> values;
+  for (size_t i = 0; i < kEffectOptionCount; ++i) {
+    if (!in.option[i] || in.option[i]->count() == 0) continue;
+    double value = in.number[i];
+    if (!in.words[i].empty()) {
+      const auto& w = in.words[i];
+      value = static_cast<double>(std::find(w.begin(), w.end(), CLI::detail::to_lower(in.choice[i])) - w.begin()) + 1;
+    } else if (in.option[i]->get_expected_max() == 0) {
+      value = in.flag[i] ? 1.0 : 0.0;
+    }
+    values.emplace_back(kEffectOptions[i].id, value);
+  }
+  return values;
 }
 
 int Fail(const std::string& message, int code = 1) {
@@ -343,35 +438,23 @@ int Fail(const std::string& message, int code = 1) {
 int main(int argc, char** argv) {
   media::QuietLibraries();
   Options o;
+  // The module comes first: its controls give the effect options their
+  // ranges and defaults, and its global set-up must precede any device library.
   CLI::App app{"Renders a clip through the Tremor Distiller effect.", "tremor-render"};
+  std::unique_ptr<aehost::AeHost> host;
+  std::string moduleError;
+  EffectInput effect;
+  try {
+    host = LoadEffect();
+    AddEffectOptions(app, *host, effect);
+  } catch (const std::exception& e) {
+    // --version and --list-devices work without the module; a render then
+    // stops with this message, whatever else was on the command line.
+    moduleError = e.what();
+    app.allow_extras();
+  }
   app.add_option("INPUT", o.input, "Video file, or an image sequence pattern such as shots/a.%04d.png");
   app.add_option("-o", o.output, "Output: .mp4, .mov, .mkv, or a pattern ending in .png or .exr")->type_name("OUTPUT");
-
-  // Popup choices in the effect's order; the host counts them from 1.
-  const std::vector<std::string> blend{"add", "screen"};
-  const std::vector<std::string> difference{"difference", "subtract"};
-  const std::vector<std::string> outputs{"motion", "source", "luma"};
-  std::string blendText = "add", differenceText = "difference", outputText = "motion";
-  auto* effect = app.add_option_group("Effect");
-  effect->add_option("--frames", o.frames, "Frames in the stack")->check(InRange(3, 50))->capture_default_str();
-  effect->add_option("--frames-offset", o.framesOffset, "Frames between stacked frames; negative looks ahead")
-      ->check(InRange(-100, 100))
-      ->capture_default_str();
-  effect->add_option("--frames-fade", o.framesFade, "Fade of older frames, percent")
-      ->check(InRange(0, 100))
-      ->capture_default_str();
-  effect->add_option("--blending-mode", blendText, "add or screen")
-      ->check(CLI::IsMember(blend, CLI::ignore_case))
-      ->capture_default_str();
-  effect->add_option("--difference-algorithm", differenceText, "difference or subtract")
-      ->check(CLI::IsMember(difference, CLI::ignore_case))
-      ->capture_default_str();
-  effect->add_option("--output", outputText, "motion, source or luma")
-      ->check(CLI::IsMember(outputs, CLI::ignore_case))
-      ->capture_default_str();
-  effect->add_flag("--motion-amplification", o.motionAmplification, "Amplify motion");
-  effect->add_flag("--chromatic-aberration", o.chromaticAberration, "Chromatic aberration");
-  effect->add_flag("--normalize", o.normalize, "Normalize");
 
   auto* run = app.add_option_group("Run");
   run->add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")->capture_default_str();
@@ -390,9 +473,7 @@ int main(int argc, char** argv) {
     return Fail(std::string(e.what()) + " (see --help)", 2);
   }
 
-  o.blendingMode = ChoiceNumber(blend, blendText);
-  o.differenceAlgorithm = ChoiceNumber(difference, differenceText);
-  o.outputMode = ChoiceNumber(outputs, outputText);
+  o.effect = GivenEffectValues(effect);
   if (o.version) {
     std::printf("tremor-render %s\n", TD_VERSION);
     return 0;
@@ -406,6 +487,7 @@ int main(int argc, char** argv) {
     return Fail(e.what());
   }
   if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
+  if (!host) return Fail(moduleError);
 
   // SA_RESETHAND: a second Ctrl-C ends the process at once.
   struct sigaction sa {};
@@ -416,7 +498,7 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &sa, nullptr);
 
   try {
-    return Run(o);
+    return Run(*host, o);
   } catch (const Interrupted&) {
     // The bar, where one is drawn, gives way to the message; ^C stays on its own line.
     std::fputs(::isatty(STDERR_FILENO) && !o.quiet ? "\r\033[K" : "\n", stderr);

@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "MediaIO.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -245,6 +247,25 @@ TEST_F(TremorRender, ChunksEqualTheSameFramesOfAWholeRender) {
       EXPECT_FALSE(whole.at("out.0006.exr") == Render(OutDir("chunk-default"), "").at("out.0006.exr"));
     }
   }
+}
+
+// Choices and switches take the module's own values: "luma" is the third
+// output (grey pixels), and a switch changes the picture.
+TEST_F(TremorRender, ControlsReachTheEffect) {
+  const fs::path luma = OutDir("luma");
+  Render(luma, "--output Luma --end 6");
+  media::Reader reader((luma / "out.%04d.exr").string());
+  media::Picture p;
+  bool moved = false;
+  while (reader.Next(p))
+    for (size_t i = 0; i < p.rgba.size(); i += 4) {
+      ASSERT_EQ(p.rgba[i], p.rgba[i + 1]) << "pixel " << i / 4;
+      ASSERT_EQ(p.rgba[i], p.rgba[i + 2]) << "pixel " << i / 4;
+      moved = moved || p.rgba[i] > 0.0f;
+    }
+  EXPECT_TRUE(moved) << "an all-black picture proves nothing";
+  const auto plain = Render(OutDir("plain"), "--end 6");
+  EXPECT_FALSE(plain.at("out.0006.exr") == Render(OutDir("normalize"), "--end 6 --normalize").at("out.0006.exr"));
 }
 
 TEST_F(TremorRender, ParallelJobsGiveTheSameBytes) {
