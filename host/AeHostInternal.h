@@ -158,47 +158,88 @@ struct AeHost::Impl {
   std::optional<A_long> FrameKeyAt(A_long time) const;
   std::shared_ptr<const Image> FrameByKey(A_long key) const;
   PF_PixelFormat SoftwareFormat() const;
+
+  // ---- AeHostRender.cpp ----
   RenderResult RenderOne(A_long time, RenderPath path);
 
-  // ---- AeHostSuites.cpp ----
+  // ---- AeHostCallLog.cpp ----
   void Record(CallRecord::Kind kind, const char* suite, const char* op, const std::string& args, PF_Err result,
               uint64_t renderId);
   size_t BeginCommand(PF_Cmd cmd, const std::string& args, uint64_t renderId);
   void EndCommand(size_t at, PF_Err result);
   Trigger Check(const char* op);
   bool SuiteMissing(const std::string& name);
+
+  // ---- AeHostWorlds.cpp ----
   std::shared_ptr<WorldRecord> NewWorld(bool gpu, A_long width, A_long height, PF_PixelFormat format, bool clear,
                                         bool poison);
   void UploadImage(WorldRecord& world, const Image& image);
   Image DownloadImage(const WorldRecord& world);
   const WorldRecord* FindWorld(const PF_EffectWorld* world) const;
+  void SelectDeviceOnThisThread();
+
+  // ---- AeHostFrameCache.cpp ----
   std::shared_ptr<WorldRecord> CachedWorld(bool gpu, A_long key, const std::shared_ptr<const Image>& frame,
                                            bool* uploaded);
   void Pin(A_long key);
   void Unpin(A_long key);
   void DropCached(A_long key);
+
+  // ---- AeHostSuites.cpp ----
   size_t LiveHandles() const;
   void FreeAllHandles();
-  void SelectDeviceOnThisThread();
 };
 
-// The suites and callbacks the host hands out (AeHostSuites.cpp).
+// The suites and callbacks the host hands out: the basic suite and the util
+// callbacks (AeHostSuites.cpp), the GPU device suite (AeHostWorlds.cpp), the
+// interact, pre-render and smart render callbacks (AeHostCallbacks.cpp).
 extern const SPBasicSuite kBasicSuite;
 extern PF_UtilCallbacks kUtilCallbacks;
+extern const PF_GPUDeviceSuite1 kGPUDeviceSuite;
 PF_InteractCallbacks InteractCallbacks();
 extern PF_PreRenderCallbacks kPreRenderCallbacks;
 extern PF_SmartRenderCallbacks kSmartRenderCallbacks;
+// The callback of PluginDataEntryFunction (AeHostLoad.cpp).
 PF_Err RecordPluginData(PF_PluginDataPtr inPtr, const A_u_char* name, const A_u_char* matchName,
                         const A_u_char* category, const A_u_char* entryPoint, A_long kind, A_long apiMajor,
                         A_long apiMinor, A_long reserved);
 
 // The host that suites without effect_ref report to: the one whose command
-// runs on this thread, else the one constructed last.
+// runs on this thread, else the one constructed last (AeHostCallLog.cpp).
 Impl* CurrentHost();
 CommandContext* CurrentContext();
 void SetCurrentContext(CommandContext* context);
 void RegisterHost(Impl* host);
 void UnregisterHost(Impl* host);
+
+// Makes the thread's current command context for the length of a call.
+class ContextScope {
+ public:
+  explicit ContextScope(CommandContext* c) : saved_(CurrentContext()) { SetCurrentContext(c); }
+  ~ContextScope() { SetCurrentContext(saved_); }
+  ContextScope(const ContextScope&) = delete;
+  ContextScope& operator=(const ContextScope&) = delete;
+
+ private:
+  CommandContext* saved_;
+};
+
+// Shared by the suite and callback entries (AeHostCallLog.cpp).
+constexpr auto kSuite = CallRecord::Kind::Suite;
+constexpr auto kCallback = CallRecord::Kind::Callback;
+CommandContext* FromRef(PF_ProgPtr ref);  // null unless ref is a context of ours
+uint64_t RenderIdOf(const CommandContext* c);
+std::string Ptr(const void* p);
+// Through the thread's host when there is one; suites without effect_ref may
+// be called where no host is current.
+void RecordHere(CallRecord::Kind kind, const char* suite, const char* op, const std::string& args, PF_Err result);
+Trigger CheckHere(const char* op);
+
+inline std::vector<PF_ParamDef*> Pointers(std::vector<PF_ParamDef>& defs) {
+  std::vector<PF_ParamDef*> p;
+  for (auto& d : defs) p.push_back(&d);
+  return p;
+}
 
 template <typename... T>
 std::string Args(const T&... parts) {
