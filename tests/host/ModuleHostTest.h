@@ -13,6 +13,18 @@
 
 #include "AeHost.h"
 
+// The module can be pointed elsewhere, e.g. on a machine the build was copied to.
+inline std::string ModulePath() {
+  const char* path = std::getenv("TD_MODULE_PATH");
+  return path ? path : TD_MODULE_PATH;
+}
+
+inline size_t Count(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 class ModuleHostTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -26,7 +38,7 @@ class ModuleHostTest : public ::testing::Test {
   // Replaces the previous host; a later global set-up starts the log afresh.
   aehost::AeHost& NewHost(aehost::HostOptions options = {}) {
     host_.reset();
-    host_ = std::make_unique<aehost::AeHost>(TD_MODULE_PATH, options);
+    host_ = std::make_unique<aehost::AeHost>(ModulePath(), options);
     return *host_;
   }
   std::string Log() const {
@@ -35,12 +47,7 @@ class ModuleHostTest : public ::testing::Test {
     s << in.rdbuf();
     return s.str();
   }
-  size_t LogCount(const std::string& needle) const {
-    const std::string text = Log();
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
-  }
+  size_t LogCount(const std::string& needle) const { return Count(Log(), needle); }
 
   std::string tmp_;
   std::unique_ptr<aehost::AeHost> host_;

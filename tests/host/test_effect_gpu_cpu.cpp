@@ -91,21 +91,6 @@ TEST(SoftwarePath, RowBandsCoverEveryRowOnce) {
     }
 }
 
-TEST(SoftwarePath, DepthTablesDifferByHost) {
-  // Case matters: "VUYA", "Vuya" and "VUya" are three depths on Premiere.
-  const struct {
-    const char* code;
-    int ae, premiere;
-  } rows[] = {{"argb", 8, 8},  {"ae16", 16, 0}, {"@CDA", 32, 0}, {"Bgra", 0, 16}, {"VUYA", 0, 8},
-              {"Vuya", 0, 16}, {"VUya", 0, 32}, {"ARgb", 0, 32}, {"v210", 0, 10}, {"badf", 0, 0}};
-  for (const auto& r : rows) {
-    PF_PixelFormat code = 0;
-    std::memcpy(&code, r.code, 4);  // the bytes as they stand in memory
-    EXPECT_EQ(PixelFormatDepth(code, false), r.ae) << r.code;
-    EXPECT_EQ(PixelFormatDepth(code, true), r.premiere) << r.code;
-  }
-}
-
 // ---- Through the host ----
 
 class EffectHosted : public ModuleHostTest {
@@ -144,63 +129,49 @@ TEST_F(EffectHosted, UnsupportedDepthsLogAndLeaveTheOutputAlone) {
   }
 }
 
-TEST_F(EffectHosted, PremieresNoticeComesOnceOnAnEarlySoftwareFrame) {
-  aehost::HostOptions options;
-  options.applId = aehost::kApplIdPremiere;
-  AeHost& host = ClipHost(options);
-  // The notice is the process's: a GPU frame takes down one that earlier
-  // renders in this process raised.
-  const aehost::DeviceOptions device = Device();
-  ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
-  ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
-  ASSERT_EQ(host.SetdownDevice(), PF_Err_NONE);
-  std::vector<std::string> messages;
-  for (int frame = 1; frame <= 3; ++frame) {
-    const aehost::RenderResult r = host.Render(host.FrameTime(frame), RenderPath::SmartSoftware);
-    ASSERT_EQ(r.result, PF_Err_NONE);
-    EXPECT_FLOAT_EQ(r.output.At(1, 1)[1], 0.25f);
-    EXPECT_EQ((r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE) != 0, !r.render.return_msg.empty());
-    messages.push_back(r.render.return_msg);
+// The notice is the process's: a GPU frame takes down one that earlier renders
+// raised, and none comes while a device is set up.
+TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
+  const std::string ae = "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only "
+                         "supports GPU acceleration. Go in File > Project Settings";
+  const std::string select = " and select 'Mercury GPU Acceleration'";
+  const struct {
+    A_long applId;
+    bool keepDevice;
+    std::string notice;
+  } rows[] = {{aehost::kApplIdAfterEffects, false, ae + select},
+              {aehost::kApplIdPremiere, false, ae + " > General" + select},
+              {aehost::kApplIdAfterEffects, true, ""}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.notice);
+    aehost::HostOptions options;
+    options.applId = row.applId;
+    AeHost& host = ClipHost(options);
+    const aehost::DeviceOptions device = Device();
+    ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
+    ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
+    if (!row.keepDevice) {
+      ASSERT_EQ(host.SetdownDevice(), PF_Err_NONE);
+    }
+    std::vector<std::string> messages;
+    for (int frame = 1; frame <= 3; ++frame) {
+      const aehost::RenderResult r = host.Render(host.FrameTime(frame), RenderPath::SmartSoftware);
+      ASSERT_EQ(r.result, PF_Err_NONE);
+      EXPECT_FLOAT_EQ(r.output.At(1, 1)[1], 0.25f);
+      EXPECT_EQ((r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE) != 0, !r.render.return_msg.empty());
+      EXPECT_EQ(r.checkouts[1].pixelCheckouts, 0);  // the software path fetches one frame
+      messages.push_back(r.render.return_msg);
+    }
+    // On the second software frame of a fresh process, the first of one that had some.
+    EXPECT_TRUE(messages[0].empty() || messages[1].empty());
+    EXPECT_EQ(messages[0] + messages[1], row.notice);
+    EXPECT_EQ(messages[2], "");
   }
-  // On the second software frame of a fresh process, the first of one that had some.
-  EXPECT_TRUE(messages[0].empty() || messages[1].empty());
-  EXPECT_EQ(messages[0] + messages[1],
-            "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only supports GPU "
-            "acceleration. Go in File > Project Settings > General and select 'Mercury GPU Acceleration'");
-  EXPECT_EQ(messages[2], "");
 }
 
-TEST_F(EffectHosted, NoNoticeWhileADeviceIsSetUp) {
-  AeHost& host = ClipHost();
-  const aehost::DeviceOptions device = Device();
-  ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
-  for (int frame = 1; frame <= 3; ++frame) {
-    const aehost::RenderResult r = host.Render(host.FrameTime(frame), RenderPath::SmartSoftware);
-    ASSERT_EQ(r.result, PF_Err_NONE);
-    EXPECT_EQ(r.render.return_msg, "") << frame;
-    EXPECT_EQ(r.render.out_flags, 0) << frame;
-  }
-}
-
-TEST_F(EffectHosted, DeviceSetUpDeclaresGpuRenderingAndSetDownFreesItsHandle) {
-  AeHost& host = ClipHost();
-  host.Options().beforeCommand = [](PF_Cmd, PF_InData&, PF_OutData& out) {
-    out.out_flags2 = PF_OutFlag2_SUPPORTS_THREADED_RENDERING;
-  };
-  ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-  const size_t handles = host.LiveHandleCount();
-  ASSERT_EQ(host.SetupDevice(Device()), PF_Err_NONE);
-  const auto setup = host.LastCommand(PF_Cmd_GPU_DEVICE_SETUP);
-  EXPECT_EQ(setup->out_flags2, 0x02000000);  // replaced, not or-ed
-  EXPECT_NE(setup->out_flags & PF_OutFlag_REFRESH_UI, 0);
-  EXPECT_NE(host.GpuData(), nullptr);
-  EXPECT_EQ(host.LiveHandleCount(), handles + 1);
-  EXPECT_EQ(host.SetdownDevice(), PF_Err_NONE);
-  EXPECT_EQ(host.LiveHandleCount(), handles);
-}
-
-TEST_F(EffectHosted, AFailedDeviceKeepsNoHandleAndCannotRender) {
-  for (A_long whatGpu : {2, 0}) {
+TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
+  // what_gpu -1 is the device's own framework; 2 (Metal) and 0 (none) are refused.
+  for (A_long whatGpu : {-1, 2, 0}) {
     SCOPED_TRACE(whatGpu);
     AeHost& host = ClipHost();
     host.Options().beforeCommand = [](PF_Cmd, PF_InData&, PF_OutData& out) {
@@ -209,34 +180,50 @@ TEST_F(EffectHosted, AFailedDeviceKeepsNoHandleAndCannotRender) {
     ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
     ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
     const size_t handles = host.LiveHandleCount();
-    EXPECT_EQ(host.SetupDevice(Device(whatGpu)), PF_Err_INTERNAL_STRUCT_DAMAGED);
+    const bool ok = whatGpu < 0;
+    EXPECT_EQ(host.SetupDevice(Device(whatGpu)), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
     const auto setup = host.LastCommand(PF_Cmd_GPU_DEVICE_SETUP);
-    EXPECT_EQ(host.GpuData(), nullptr);
     EXPECT_NE(setup->out_flags & PF_OutFlag_REFRESH_UI, 0);
-    EXPECT_EQ(setup->out_flags2, PF_OutFlag2_SUPPORTS_THREADED_RENDERING);
-    EXPECT_EQ(host.LiveHandleCount(), handles);
+    EXPECT_EQ(setup->out_flags2, ok ? 0x02000000 : PF_OutFlag2_SUPPORTS_THREADED_RENDERING);  // replaced, not or-ed
+    EXPECT_EQ(host.GpuData() != nullptr, ok);
+    EXPECT_EQ(host.LiveHandleCount(), handles + ok);
     if (whatGpu == 0) {
       EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_INTERNAL_STRUCT_DAMAGED);
       EXPECT_EQ(LogCount(":SmartRenderGPU] :: Something wrong with GPU\n"), 1u) << Log();
     }
-    // Set-down of a device without gpu_data disposes nothing.
+    // Set-down frees the handle, and disposes nothing when there is none.
     host.ClearCallLog();
     EXPECT_EQ(host.SetdownDevice(), PF_Err_NONE);
-    for (const auto& call : host.CallLog()) EXPECT_NE(call.op, "host_dispose_handle");
+    EXPECT_EQ(host.LiveHandleCount(), handles);
+    int disposed = 0;
+    for (const auto& call : host.CallLog()) disposed += call.op == "host_dispose_handle";
+    EXPECT_EQ(disposed, ok ? 1 : 0);
   }
 }
 
-TEST_F(EffectHosted, AFailedScratchWorldStopsTheRenderAndTheOthersGoBack) {
+// Whichever host operation fails mid-render, the scratch worlds made so far go back.
+TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
   AeHost& host = ClipHost();
   const aehost::DeviceOptions device = Device();
   ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
-  host.FailOperation("CreateGPUWorld", PF_Err_OUT_OF_MEMORY, 3);
-  const aehost::RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
-  EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
-  EXPECT_EQ(r.effectWorldsLeft, 0u);
-  int created = 0;
-  for (const auto& call : host.CallLog()) created += call.op == "CreateGPUWorld";
-  EXPECT_EQ(created, 3);
+  const struct {
+    const char* op;
+    int nth;
+  } failures[] = {{"CreateGPUWorld", 1}, {"CreateGPUWorld", 2}, {"CreateGPUWorld", 3},
+                  {"GetGPUWorldData", 3}, {"checkout_layer_pixels", 4}, {"checkout_output", 1}};
+  for (const auto& f : failures) {
+    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth);
+    host.ClearInjections();
+    host.ClearCallLog();
+    host.FailOperation(f.op, PF_Err_OUT_OF_MEMORY, f.nth);
+    const aehost::RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
+    EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
+    EXPECT_EQ(r.effectWorldsLeft, 0u);
+    EXPECT_EQ(r.worldsNotCheckedIn, 0u);
+    int calls = 0;
+    for (const auto& call : host.CallLog()) calls += call.op == f.op;
+    EXPECT_EQ(calls, f.nth);
+  }
 }
 
 }  // namespace
