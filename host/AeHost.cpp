@@ -5,9 +5,6 @@
 
 #include "AeHostInternal.h"
 
-#ifdef TD_HAVE_CUDA
-#include "CudaDevice.h"
-#endif
 
 namespace aehost {
 
@@ -111,29 +108,15 @@ PF_Err AeHost::About() { return SendCommand(PF_Cmd_ABOUT); }
 
 PF_Err AeHost::SetupDevice(const DeviceOptions& device) {
   Impl& h = *impl_;
-  if (h.deviceKind != GpuKind::None) throw HostError("a device is already set up");
+  if (h.device.kind) throw HostError("a device is already set up");
   // The real host offers devices only to effects that render on the GPU.
   if (!(h.globalOutFlags2 & PF_OutFlag2_SUPPORTS_GPU_RENDER_F32)) return PF_Err_NONE;
-  std::string error;
-  if (device.kind == GpuKind::OpenCL) {
-    if (!OpenOpenCLDevice(device.platformIndex, device.deviceIndex, h.cl, error)) throw HostError(error);
-    h.deviceName = h.cl.deviceName;
-  } else if (device.kind == GpuKind::Cuda) {
-#ifdef TD_HAVE_CUDA
-    if (device.deviceIndex >= CudaDeviceCount())
-      throw HostError(Args("no CUDA device ", device.deviceIndex, " (", CudaDeviceCount(), " present)"));
-    if (!SelectCudaDevice(device.deviceIndex, error)) throw HostError("cudaSetDevice: " + error);
-    h.cudaIndex = device.deviceIndex;
-    h.deviceName = CudaDeviceName(device.deviceIndex);
-#else
-    throw HostError("this host was built without CUDA");
-#endif
-  } else {
-    throw HostError("no device kind given");
+  try {
+    h.device = OpenDevice(device.device);
+  } catch (const DeviceError& e) {
+    throw HostError(e.what());
   }
-  h.deviceKind = device.kind;
-  h.whatGpu = device.whatGpu >= 0 ? device.whatGpu
-                                  : (device.kind == GpuKind::OpenCL ? PF_GPU_Framework_OPENCL : PF_GPU_Framework_CUDA);
+  h.whatGpu = device.whatGpu >= 0 ? device.whatGpu : AeFrameworkOf(h.device);
   PF_GPUDeviceSetupInput input{h.whatGpu, 0};
   PF_GPUDeviceSetupOutput output{nullptr};
   PF_GPUDeviceSetupExtra extra{&input, &output};
@@ -162,9 +145,7 @@ PF_Err AeHost::SetdownDevice() {
     left.swap(h.effectWorlds);
   }
   left.clear();
-  if (h.deviceKind == GpuKind::OpenCL) CloseOpenCLDevice(h.cl);
-  h.deviceKind = GpuKind::None;
-  h.deviceName.clear();
+  CloseDevice(h.device);
   h.deviceSetupSent = h.gpuReady = false;
   h.gpuData = nullptr;
   return err;
@@ -186,7 +167,7 @@ PF_Err AeHost::SetUp(const DeviceOptions* device) {
 
 void AeHost::SetDown() {
   try {
-    if (impl_->deviceSetupSent || impl_->deviceKind != GpuKind::None) SetdownDevice();
+    if (impl_->deviceSetupSent || impl_->device.kind) SetdownDevice();
     if (impl_->globalSetupSent) GlobalSetdown();
   } catch (...) {
     // Tearing down must not throw; what failed is in the call log.
@@ -194,8 +175,8 @@ void AeHost::SetDown() {
 }
 
 bool AeHost::GpuReady() const { return impl_->gpuReady; }
-GpuKind AeHost::DeviceKind() const { return impl_->deviceKind; }
-std::string AeHost::DeviceName() const { return impl_->deviceName; }
+std::string AeHost::DeviceKindName() const { return impl_->device.kind ? impl_->device.kind->name : ""; }
+std::string AeHost::DeviceName() const { return impl_->device.name; }
 void* AeHost::GpuData() const { return impl_->gpuData; }
 PF_Handle AeHost::GlobalData() const { return impl_->globalData; }
 

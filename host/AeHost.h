@@ -45,12 +45,10 @@ struct Image {
   const float* At(A_long x, A_long y) const { return rgba.data() + (static_cast<size_t>(y) * width + x) * 4; }
 };
 
-enum class GpuKind { None, OpenCL, Cuda };
-
 struct DeviceOptions {
-  GpuKind kind = GpuKind::OpenCL;
-  int platformIndex = -1;  // OpenCL: -1 picks the first GPU, else the first device
-  int deviceIndex = 0;     // OpenCL device within the platform, or the CUDA device
+  // What Device.h's OpenDevice takes: "opencl" (its first GPU, else its first
+  // device), "opencl:0.1", "cuda:0", "auto".
+  std::string device = "opencl";
   // what_gpu told to the effect; -1 means the device's own framework. Other
   // values (Metal, none) let tests see how the effect refuses them.
   A_long whatGpu = -1;
@@ -203,7 +201,7 @@ class AeHost {
   PF_Err SendCommand(PF_Cmd cmd, void* extra = nullptr, A_long time = 0);
 
   bool GpuReady() const;  // command 32 succeeded
-  GpuKind DeviceKind() const;
+  std::string DeviceKindName() const;  // "opencl", "cuda"; empty without a device
   std::string DeviceName() const;
   void* GpuData() const;  // what the effect left in gpu_data
   PF_Handle GlobalData() const;

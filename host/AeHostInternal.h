@@ -13,11 +13,21 @@
 #include <vector>
 
 #include "AeHost.h"
-#include "OpenCLDevice.h"
+#include "Device.h"
 
 namespace aehost {
 
 using Impl = AeHost::Impl;
+
+// The host's framework number for a device, from the effect's numbering.
+inline PF_GPU_Framework AeFrameworkOf(const Device& device) {
+  switch (device.kind ? device.kind->framework : -1) {
+    case 0: return PF_GPU_Framework_CUDA;
+    case 1: return PF_GPU_Framework_OPENCL;
+    case 2: return PF_GPU_Framework_METAL;
+    default: return PF_GPU_Framework_NONE;
+  }
+}
 
 // Host memory behind a PF_Handle: the handle points at `ptr`, so an effect
 // that reads *handle directly gets the block, as with the real host.
@@ -38,8 +48,7 @@ struct WorldRecord {
   PF_PixelFormat format = 0;
   size_t bytes = 0;
   std::vector<uint8_t> memory;  // software pixels
-  cl_mem clBuffer = nullptr;
-  void* cudaBuffer = nullptr;
+  void* buffer = nullptr;  // device memory of a GPU world
   PF_EffectWorld world{};
   WorldRecord() = default;
   WorldRecord(const WorldRecord&) = delete;
@@ -109,10 +118,7 @@ struct AeHost::Impl {
   A_long globalOutFlags = 0, globalOutFlags2 = 0;
 
   // Device
-  GpuKind deviceKind = GpuKind::None;
-  OpenCLDevice cl;
-  int cudaIndex = 0;
-  std::string deviceName;
+  Device device;  // kind null while none is open
   A_long whatGpu = PF_GPU_Framework_NONE;
   bool deviceSetupSent = false;
   bool gpuReady = false;

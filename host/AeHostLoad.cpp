@@ -126,7 +126,7 @@ AeHost::~AeHost() {
     left.swap(h.effectWorlds);
   }
   left.clear();
-  if (h.deviceKind == GpuKind::OpenCL) CloseOpenCLDevice(h.cl);
+  CloseDevice(h.device);
   h.FreeAllHandles();
   UnregisterHost(&h);
   if (h.options.unloadOnDestroy && h.dl) dlclose(h.dl);

@@ -137,7 +137,7 @@ RenderResult Impl::RenderOne(A_long time, RenderPath path) {
     RenderPlain(*this, job, r);
     return r;
   }
-  if (path == RenderPath::SmartGPU && deviceKind == GpuKind::None)
+  if (path == RenderPath::SmartGPU && !device.kind)
     throw HostError("a GPU render needs a device set up");
   const bool deviceOffered = path == RenderPath::SmartGPU || (path == RenderPath::Auto && gpuReady);
   if (deviceOffered) SelectDeviceOnThisThread();

@@ -8,9 +8,6 @@
 
 #include "AeHostInternal.h"
 
-#ifdef TD_HAVE_CUDA
-#include "CudaDevice.h"
-#endif
 
 namespace aehost {
 
@@ -24,7 +21,7 @@ size_t BytesPerPixel(PF_PixelFormat format) {
 
 // ---- PF GPU Device Suite, version 1 ----
 
-bool DeviceIndexOk(const Impl& h, A_u_long index) { return h.deviceKind != GpuKind::None && index == 0; }
+bool DeviceIndexOk(const Impl& h, A_u_long index) { return h.device.kind && index == 0; }
 
 PF_Err GetDeviceInfo(PF_ProgPtr ref, A_u_long deviceIndex, PF_GPUDeviceInfo* info) {
   CommandContext* c = FromRef(ref);
@@ -37,17 +34,11 @@ PF_Err GetDeviceInfo(PF_ProgPtr ref, A_u_long deviceIndex, PF_GPUDeviceInfo* inf
     } else {
       *info = PF_GPUDeviceInfo{};
       info->compatibleB = 1;
-      if (h->deviceKind == GpuKind::OpenCL) {
-        info->device_framework = PF_GPU_Framework_OPENCL;
-        info->platformPV = h->cl.platform;
-        info->devicePV = h->cl.device;
-        info->contextPV = h->cl.context;
-        info->command_queuePV = h->cl.queue;
-      } else {
-        // The runtime's current device and default stream; no driver context.
-        info->device_framework = PF_GPU_Framework_CUDA;
-        info->devicePV = reinterpret_cast<void*>(static_cast<intptr_t>(h->cudaIndex));
-      }
+      info->device_framework = AeFrameworkOf(h->device);
+      info->platformPV = h->device.platform;
+      info->devicePV = h->device.device;
+      info->contextPV = h->device.context;
+      info->command_queuePV = h->device.queue;
     }
   }
   if (h) h->Record(kSuite, kPFGPUDeviceSuite, "GetDeviceInfo", Args("device=", deviceIndex), err, RenderIdOf(c));
@@ -123,7 +114,7 @@ PF_Err GetGPUWorldData(PF_ProgPtr ref, PF_EffectWorld* world, void** pixels) {
     if (!rec || !rec->gpu || !pixels)
       err = PF_Err_BAD_CALLBACK_PARAM;
     else
-      data = rec->clBuffer ? static_cast<void*>(rec->clBuffer) : rec->cudaBuffer;
+      data = rec->buffer;
   }
   if (pixels) *pixels = data;
   if (h)
@@ -139,10 +130,7 @@ const PF_GPUDeviceSuite1 kGPUDeviceSuite = {GetDeviceInfo, CreateGPUWorld, Dispo
 // ---- Worlds and device memory ----
 
 WorldRecord::~WorldRecord() {
-  if (clBuffer) clReleaseMemObject(clBuffer);
-#ifdef TD_HAVE_CUDA
-  if (cudaBuffer) FreeCudaBuffer(cudaBuffer);
-#endif
+  if (buffer) host->device.kind->release(host->device, buffer);
   if (host) {
     std::lock_guard<std::mutex> lock(host->worldsMutex);
     host->liveWorlds.erase(this);
@@ -160,28 +148,10 @@ std::shared_ptr<WorldRecord> Impl::NewWorld(bool gpu, A_long width, A_long heigh
   rec->bytes = rowBytes * static_cast<size_t>(height);
   const size_t allocBytes = rec->bytes ? rec->bytes : 1;
   if (gpu) {
-    if (deviceKind == GpuKind::OpenCL) {
-      rec->clBuffer = CreateOpenCLBuffer(cl, allocBytes);
-      if (poison) {
-        const cl_uchar ones = 0xFF;  // every float a NaN
-        const cl_int e = clEnqueueFillBuffer(cl.queue, rec->clBuffer, &ones, 1, 0, allocBytes, 0, nullptr, nullptr);
-        if (e != CL_SUCCESS) throw std::runtime_error("clEnqueueFillBuffer failed with " + std::to_string(e));
-      } else if (clear) {
-        ClearOpenCLBuffer(cl, rec->clBuffer, allocBytes);
-      }
-#ifdef TD_HAVE_CUDA
-    } else if (deviceKind == GpuKind::Cuda) {
-      rec->cudaBuffer = CreateCudaBuffer(allocBytes);
-      if (poison) {
-        const std::vector<uint8_t> ones(allocBytes, 0xFF);
-        UploadCudaBuffer(rec->cudaBuffer, ones.data(), allocBytes);
-      } else if (clear) {
-        ClearCudaBuffer(rec->cudaBuffer, allocBytes);
-      }
-#endif
-    } else {
-      throw HostError("no device for a GPU world");
-    }
+    if (!device.kind) throw HostError("no device for a GPU world");
+    rec->buffer = device.kind->allocate(device, allocBytes);
+    rec->host = this;  // from here on the record frees its buffer
+    if (poison || clear) device.kind->fill(device, rec->buffer, poison ? 0xFF : 0, allocBytes);  // 0xFF: NaNs
   } else {
     rec->memory.assign(allocBytes, 0);
   }
@@ -240,10 +210,7 @@ void Impl::UploadImage(WorldRecord& world, const Image& image) {
     }
   }
   if (!world.gpu || world.bytes == 0) return;
-  if (world.clBuffer) UploadOpenCLBuffer(cl, world.clBuffer, staging.data(), world.bytes);
-#ifdef TD_HAVE_CUDA
-  if (world.cudaBuffer) UploadCudaBuffer(world.cudaBuffer, staging.data(), world.bytes);
-#endif
+  device.kind->upload(device, world.buffer, staging.data(), world.bytes);
 }
 
 Image Impl::DownloadImage(const WorldRecord& world) {
@@ -253,10 +220,7 @@ Image Impl::DownloadImage(const WorldRecord& world) {
   const uint8_t* base = world.memory.data();
   if (world.gpu) {
     staging.assign(world.bytes ? world.bytes : 1, 0);
-    if (world.clBuffer && world.bytes) DownloadOpenCLBuffer(cl, world.clBuffer, staging.data(), world.bytes);
-#ifdef TD_HAVE_CUDA
-    if (world.cudaBuffer && world.bytes) DownloadCudaBuffer(world.cudaBuffer, staging.data(), world.bytes);
-#endif
+    if (world.bytes) device.kind->download(device, world.buffer, staging.data(), world.bytes);
     base = staging.data();
   }
   for (A_long y = 0; y < w.height; ++y) {
@@ -285,11 +249,11 @@ Image Impl::DownloadImage(const WorldRecord& world) {
 }
 
 void Impl::SelectDeviceOnThisThread() {
-#ifdef TD_HAVE_CUDA
-  // The CUDA runtime keeps the current device per thread.
-  std::string error;
-  if (deviceKind == GpuKind::Cuda && !SelectCudaDevice(cudaIndex, error)) throw HostError("cudaSetDevice: " + error);
-#endif
+  try {
+    if (device.kind) device.kind->bindThread(device);
+  } catch (const DeviceError& e) {
+    throw HostError(e.what());
+  }
 }
 
 size_t AeHost::LiveGpuWorldCount() const {

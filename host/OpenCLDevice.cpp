@@ -1,23 +1,26 @@
-#include "OpenCLDevice.h"
+// OpenCL devices: every platform's devices through the ICD loader (PoCL on the
+// CPU here), addressed as PLATFORM.DEVICE in the loader's order.
+#ifndef CL_TARGET_OPENCL_VERSION
+#define CL_TARGET_OPENCL_VERSION 120
+#endif
+#include <CL/cl.h>
 
-#include <stdexcept>
+#include <cctype>
+#include <string>
+#include <vector>
+
+#include "Device.h"
+
+extern const DeviceKind kOpenCLDeviceKind;
 
 namespace {
 
-std::string PlatformString(cl_platform_id p, cl_platform_info what) {
+template <typename Object, typename Info, typename Query>
+std::string InfoString(Query query, Object object, Info what) {
   size_t size = 0;
-  clGetPlatformInfo(p, what, 0, nullptr, &size);
+  query(object, what, 0, nullptr, &size);
   std::string s(size, '\0');
-  clGetPlatformInfo(p, what, size, s.data(), nullptr);
-  while (!s.empty() && s.back() == '\0') s.pop_back();
-  return s;
-}
-
-std::string DeviceString(cl_device_id d, cl_device_info what) {
-  size_t size = 0;
-  clGetDeviceInfo(d, what, 0, nullptr, &size);
-  std::string s(size, '\0');
-  clGetDeviceInfo(d, what, size, s.data(), nullptr);
+  query(object, what, size, s.data(), nullptr);
   while (!s.empty() && s.back() == '\0') s.pop_back();
   return s;
 }
@@ -42,89 +45,98 @@ void Check(cl_int err, const char* call) {
   if (err != CL_SUCCESS) throw std::runtime_error(std::string(call) + " failed with " + std::to_string(err));
 }
 
-}  // namespace
+cl_command_queue Queue(const Device& d) { return static_cast<cl_command_queue>(d.queue); }
 
-std::vector<OpenCLDeviceInfo> ListOpenCLDevices() {
-  std::vector<OpenCLDeviceInfo> out;
+std::vector<DeviceListing> List() {
+  std::vector<DeviceListing> out;
   const auto platforms = Platforms();
   for (size_t pi = 0; pi < platforms.size(); ++pi) {
     const auto devices = Devices(platforms[pi]);
     for (size_t di = 0; di < devices.size(); ++di) {
       cl_device_type type = 0;
       clGetDeviceInfo(devices[di], CL_DEVICE_TYPE, sizeof type, &type, nullptr);
-      out.push_back({static_cast<int>(pi), static_cast<int>(di), PlatformString(platforms[pi], CL_PLATFORM_NAME),
-                     DeviceString(devices[di], CL_DEVICE_NAME), (type & CL_DEVICE_TYPE_GPU) != 0});
+      const bool gpu = (type & CL_DEVICE_TYPE_GPU) != 0;
+      out.push_back({&kOpenCLDeviceKind, std::to_string(pi) + "." + std::to_string(di),
+                     InfoString(clGetPlatformInfo, platforms[pi], CL_PLATFORM_NAME) + " / " +
+                         InfoString(clGetDeviceInfo, devices[di], CL_DEVICE_NAME) + (gpu ? " (GPU)" : ""),
+                     gpu});
     }
   }
   return out;
 }
 
-bool OpenOpenCLDevice(int platformIndex, int deviceIndex, OpenCLDevice& out, std::string& error) {
-  const auto all = ListOpenCLDevices();
-  const OpenCLDeviceInfo* pick = nullptr;
-  for (const auto& d : all) {
-    if (platformIndex >= 0) {
-      if (d.platformIndex == platformIndex && d.deviceIndex == deviceIndex) pick = &d;
-    } else if (d.isGpu && (!pick || !pick->isGpu)) {
-      pick = &d;
-    } else if (!pick) {
-      pick = &d;
-    }
-  }
-  if (!pick) {
-    error = all.empty() ? "no OpenCL device found (is an ICD such as pocl-opencl-icd installed, and POCL_CACHE_DIR "
-                          "writable?)"
-                        : "no OpenCL device " + std::to_string(platformIndex) + "." + std::to_string(deviceIndex);
-    return false;
-  }
-  OpenCLDevice dev;
-  dev.platform = Platforms()[pick->platformIndex];
-  dev.device = Devices(dev.platform)[pick->deviceIndex];
-  dev.platformName = pick->platformName;
-  dev.deviceName = pick->deviceName;
-  cl_int err = CL_SUCCESS;
-  dev.context = clCreateContext(nullptr, 1, &dev.device, nullptr, nullptr, &err);
-  if (err != CL_SUCCESS) {
-    error = "clCreateContext failed with " + std::to_string(err);
-    return false;
-  }
-  dev.queue = clCreateCommandQueue(dev.context, dev.device, 0, &err);
-  if (err != CL_SUCCESS) {
-    clReleaseContext(dev.context);
-    error = "clCreateCommandQueue failed with " + std::to_string(err);
-    return false;
-  }
-  out = dev;
-  return true;
+bool AddressValid(const std::string& address) {
+  const auto dot = address.find('.');
+  auto number = [](const std::string& s) {
+    if (s.empty() || s.size() > 6) return false;
+    for (char c : s)
+      if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+  };
+  return dot != std::string::npos && number(address.substr(0, dot)) && number(address.substr(dot + 1));
 }
 
-void CloseOpenCLDevice(OpenCLDevice& device) {
+Device Open(const std::string& address) {
+  const DeviceListing d = ResolveDeviceText(std::string("opencl") + (address.empty() ? "" : ":" + address));
+  const auto dot = d.address.find('.');
+  Device dev;
+  dev.kind = &kOpenCLDeviceKind;
+  cl_platform_id platform = Platforms()[std::stoi(d.address.substr(0, dot))];
+  cl_device_id device = Devices(platform)[std::stoi(d.address.substr(dot + 1))];
+  dev.platform = platform;
+  dev.device = device;
+  dev.name = InfoString(clGetDeviceInfo, device, CL_DEVICE_NAME);
+  cl_int err = CL_SUCCESS;
+  cl_context context = clCreateContext(nullptr, 1, &device, nullptr, nullptr, &err);
+  if (err != CL_SUCCESS) throw DeviceError("clCreateContext failed with " + std::to_string(err));
+  cl_command_queue queue = clCreateCommandQueue(context, device, 0, &err);
+  if (err != CL_SUCCESS) {
+    clReleaseContext(context);
+    throw DeviceError("clCreateCommandQueue failed with " + std::to_string(err));
+  }
+  dev.context = context;
+  dev.queue = queue;
+  return dev;
+}
+
+void Close(Device& device) {
   if (device.queue) {
-    clFinish(device.queue);
-    clReleaseCommandQueue(device.queue);
+    clFinish(Queue(device));
+    clReleaseCommandQueue(Queue(device));
   }
-  if (device.context) clReleaseContext(device.context);
-  device = OpenCLDevice{};
+  if (device.context) clReleaseContext(static_cast<cl_context>(device.context));
 }
 
-cl_mem CreateOpenCLBuffer(const OpenCLDevice& device, size_t bytes) {
+void* Allocate(const Device& device, size_t bytes) {
   cl_int err = CL_SUCCESS;
-  cl_mem m = clCreateBuffer(device.context, CL_MEM_READ_WRITE, bytes, nullptr, &err);
+  cl_mem m = clCreateBuffer(static_cast<cl_context>(device.context), CL_MEM_READ_WRITE, bytes, nullptr, &err);
   Check(err, "clCreateBuffer");
   return m;
 }
 
-void UploadOpenCLBuffer(const OpenCLDevice& device, cl_mem buffer, const void* data, size_t bytes) {
-  Check(clEnqueueWriteBuffer(device.queue, buffer, CL_TRUE, 0, bytes, data, 0, nullptr, nullptr),
+void Release(const Device&, void* buffer) { clReleaseMemObject(static_cast<cl_mem>(buffer)); }
+
+void Upload(const Device& device, void* buffer, const void* data, size_t bytes) {
+  Check(clEnqueueWriteBuffer(Queue(device), static_cast<cl_mem>(buffer), CL_TRUE, 0, bytes, data, 0, nullptr, nullptr),
         "clEnqueueWriteBuffer");
 }
 
-void DownloadOpenCLBuffer(const OpenCLDevice& device, cl_mem buffer, void* data, size_t bytes) {
-  Check(clEnqueueReadBuffer(device.queue, buffer, CL_TRUE, 0, bytes, data, 0, nullptr, nullptr),
+void Download(const Device& device, void* buffer, void* data, size_t bytes) {
+  Check(clEnqueueReadBuffer(Queue(device), static_cast<cl_mem>(buffer), CL_TRUE, 0, bytes, data, 0, nullptr, nullptr),
         "clEnqueueReadBuffer");
 }
 
-void ClearOpenCLBuffer(const OpenCLDevice& device, cl_mem buffer, size_t bytes) {
-  const cl_uchar zero = 0;
-  Check(clEnqueueFillBuffer(device.queue, buffer, &zero, 1, 0, bytes, 0, nullptr, nullptr), "clEnqueueFillBuffer");
+void Fill(const Device& device, void* buffer, uint8_t byte, size_t bytes) {
+  const cl_uchar pattern = byte;
+  Check(clEnqueueFillBuffer(Queue(device), static_cast<cl_mem>(buffer), &pattern, 1, 0, bytes, 0, nullptr, nullptr),
+        "clEnqueueFillBuffer");
 }
+
+void BindThread(const Device&) {}  // OpenCL has no current device
+
+void Finish(const Device& device) { clFinish(Queue(device)); }
+
+}  // namespace
+
+extern const DeviceKind kOpenCLDeviceKind = {"opencl", "OpenCL", "PLATFORM.DEVICE", 1, List, AddressValid, Open, Close,
+                                             Allocate, Release, Upload, Download, Fill, BindThread, Finish};

@@ -89,25 +89,17 @@ DllExport PF_Err EffectMain(PF_Cmd cmd, PF_InData* in_data, PF_OutData* out_data
   try {
     err = Dispatch(cmd, in_data, out_data, params, output, extra);
   } catch (int32_t code) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Try Catch Exception code at event " << name << " is " << PFErrText(code);
-    Log(std::move(s));
+    LOG_ERROR("Try Catch Exception code at event ", name, " is ", PFErrText(code));
     return code;
   } catch (const std::exception& e) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Try Catch Exception at event " << name << ". Error is " << e.what();
-    Log(std::move(s));
+    LOG_ERROR("Try Catch Exception at event ", name, ". Error is ", e.what());
     return PF_Err_INTERNAL_STRUCT_DAMAGED;
   } catch (...) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Try Catch Uknown Exception at event " << name;
-    Log(std::move(s));
+    LOG_ERROR("Try Catch Uknown Exception at event ", name);
     return PF_Err_INTERNAL_STRUCT_DAMAGED;
   }
   if (err != PF_Err_NONE) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << name << ". Code: " << PFErrText(err);
-    Log(std::move(s));
+    LOG_ERROR(name, ". Code: ", PFErrText(err));
   }
   return err;
 }
@@ -133,30 +125,21 @@ PF_Err GlobalSetup(PF_InData* in_data, PF_OutData* out_data) {
     // The user is told, but a missing log is no reason to refuse the effect.
     CopyReturnMessage(in_data, out_data, loggerFailure);
   } else {
-    std::ostringstream welcome;
-    welcome << "Welcome!";
-    Log(std::move(welcome));
-    std::ostringstream version;
-    version << kEffectName << ", v" << kEffectVersionText << " in " << (IsPremiere(in_data) ? "Premiere" : "AE")
-            << in_data->version.major << "." << in_data->version.minor;
-    Log(std::move(version));
+    LOG_INFO("Welcome!");
+    LOG_INFO(kEffectName, ", v", kEffectVersionText, " in ", (IsPremiere(in_data) ? "Premiere" : "AE"), in_data->version.major, ".", in_data->version.minor);
   }
 
   SuiteAccess<PF_HandleSuite2> handles(in_data);
   const PF_Handle handle = handles->host_new_handle(sizeof(GlobalData));
   if (!handle) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Global Data Handle memory allocation failed";
-    Log(std::move(s));
+    LOG_ERROR("Global Data Handle memory allocation failed");
     return PF_Err_INTERNAL_STRUCT_DAMAGED;
   }
   out_data->global_data = handle;
   // Stays locked until GlobalSetdown: render threads read it without a lock.
   auto* global = static_cast<GlobalData*>(handles->host_lock_handle(handle));
   if (!global) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Global Data memory allocation failed";
-    Log(std::move(s));
+    LOG_ERROR("Global Data memory allocation failed");
     return PF_Err_INTERNAL_STRUCT_DAMAGED;
   }
   *global = GlobalData{};
@@ -166,9 +149,7 @@ PF_Err GlobalSetup(PF_InData* in_data, PF_OutData* out_data) {
     global->aboutImage = about.release();
   } else {
     // The effect works without its picture; the control keeps its size.
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Error loading about image";
-    Log(std::move(s));
+    LOG_ERROR("Error loading about image");
     CopyReturnMessage(in_data, out_data, "Cannot Load Image");
     out_data->out_flags |= PF_OutFlag_DISPLAY_ERROR_MESSAGE;
   }
@@ -184,9 +165,7 @@ PF_Err GlobalSetup(PF_InData* in_data, PF_OutData* out_data) {
 }
 
 PF_Err GlobalSetdown(PF_InData* in_data) {
-  std::ostringstream clean;
-  clean << "Clean data";
-  Log(std::move(clean));
+  LOG_INFO("Clean data");
   if (!in_data->global_data) return PF_Err_NONE;
 
   SuiteAccess<PF_HandleSuite2> handles(in_data);

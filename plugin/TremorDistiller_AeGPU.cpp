@@ -1,13 +1,12 @@
 // The After Effects side of the GPU: a device's kernels in a host handle that
 // the host carries as gpu_data, and the frame-stack loop run on the host's GPU
 // worlds through its GPU device suite.
-#define GPU_FAILURE_CODE 512
 #include "TremorDistiller_AePrGPU_Functions.h"
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
 
+#include "LogsController.h"
 #include "TremorDistiller.h"
 
 namespace {
@@ -38,18 +37,14 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
 
   const GPUFramework framework = FrameworkFromAeWhatGpu(extra->input->what_gpu);
   if (framework == GPU_FRAMEWORK_NONE) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Something wrong with GPU";
-    Log(std::move(s));
-    return GPUFailureCode;
+    LOG_ERROR("Something wrong with GPU");
+    return kAeGPUFailureCode;
   }
   if (err) return err;
 
   if (!output || !frames || !kernelData) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Input or Output data is unavailable";
-    Log(std::move(s));
-    return GPUFailureCode;
+    LOG_ERROR("Input or Output data is unavailable");
+    return kAeGPUFailureCode;
   }
 
   // Only the first 50 frames have origins, and the caller's list holds no
@@ -72,7 +67,7 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
 
   // A scratch buffer's handle is its GPU world, so disposing gets the world.
   FrameStackHost host;
-  host.failureCode = GPUFailureCode;
+  host.failureCode = kAeGPUFailureCode;
   host.createScratch = [&](int32_t width, int32_t height, bool, void** scratch) -> int32_t {
     // Always asked cleared, which also covers the buffers the loop needs empty.
     PF_EffectWorld* world = nullptr;
@@ -90,7 +85,8 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
   };
   host.runPass = [&](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m, const ResizeKernelArgs& pre,
                      const ResizeKernelArgs& cur) -> int32_t {
-    return GPURender(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, pre, cur, 16);
+    return GPURender(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, pre, cur, 16,
+                     kAeGPUFailureCode);
   };
   return RenderFrameStack(job, host);
 }
@@ -110,7 +106,7 @@ PF_Err GPUDeviceSetup(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSetu
   if (list) std::memset(list, 0, sizeof *list);
 
   const GPUFramework framework = FrameworkFromAeWhatGpu(extra->input->what_gpu);
-  const PF_Err err = InitializeGPU(framework, list, info.devicePV, info.contextPV);
+  const PF_Err err = InitializeGPU(framework, list, info.devicePV, info.contextPV, kAeGPUFailureCode);
   if (err == PF_Err_NONE) {
     extra->output->gpu_data = handle;
     out_data->out_flags2 = PF_OutFlag2_SUPPORTS_GPU_RENDER_F32;
@@ -126,7 +122,8 @@ PF_Err GPUDeviceSetup(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSetu
 PF_Err GPUDeviceSetdown(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSetdownExtra* extra) {
   ScopedSuite<PF_HandleSuite2> handles(in_data, out_data);
   if (!extra->input->gpu_data) return PF_Err_NONE;
-  const PF_Err err = GPUDispose(FrameworkFromAeWhatGpu(extra->input->what_gpu), KernelListOf(extra->input->gpu_data));
+  const PF_Err err = GPUDispose(FrameworkFromAeWhatGpu(extra->input->what_gpu), KernelListOf(extra->input->gpu_data),
+                                 kAeGPUFailureCode);
   handles->host_dispose_handle(static_cast<PF_Handle>(extra->input->gpu_data));
   return err;
 }

@@ -77,13 +77,20 @@ void HalfValueSpan(const unsigned char* in, unsigned char* out, A_long count) {
   for (A_long x = 0; x < count; ++x) HalfValuePixelOf<T>(in + x * kPixel, out + x * kPixel);
 }
 
-void RaiseNotice(PF_InData* in_data, PF_OutData* out_data, GPUStatusText& text) {
-  text.gpuName.clear();
-  text.frameworkName.clear();
-  text.noticeLine1 = kNoticeLine1;
-  text.noticeLine2 = std::string(IsPremiere(in_data) ? kSettingsPathPr : kSettingsPathAe) + kSelectGpu;
-  if (!out_data) return;
-  const std::string message = kNoticeMessageHead + text.noticeLine2;
+// Raised once: only while no notice stands.
+void RaiseNotice(PF_InData* in_data, PF_OutData* out_data) {
+  const std::string line2 = std::string(IsPremiere(in_data) ? kSettingsPathPr : kSettingsPathAe) + kSelectGpu;
+  bool raised = false;
+  EditGPUStatusText([&](GPUStatusText& text) {
+    if (!text.noticeLine1.empty()) return;
+    text.gpuName.clear();
+    text.frameworkName.clear();
+    text.noticeLine1 = kNoticeLine1;
+    text.noticeLine2 = line2;
+    raised = true;
+  });
+  if (!raised || !out_data) return;
+  const std::string message = kNoticeMessageHead + line2;
   in_data->utils->ansi.strcpy(out_data->return_msg, message.c_str());
   out_data->out_flags |= PF_OutFlag_DISPLAY_ERROR_MESSAGE;
 }
@@ -170,16 +177,14 @@ void ForEachRowInParallel(A_long rows, unsigned threads, const std::function<voi
 
 PF_Err RenderCPU(PF_InData* in_data, PF_OutData* out_data, PF_EffectWorld* input, PF_EffectWorld* output) {
   if (!input || !output) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Input or Output data is unavailable";
-    Log(std::move(s));
+    LOG_ERROR("Input or Output data is unavailable");
     return PF_Err_INTERNAL_STRUCT_DAMAGED;
   }
 
   // The notice comes on the second software frame without a device, so one
   // frame asked for before the host has set its device up goes by silently.
   GPUStatus& status = GetGPUStatus();
-  if (status.text->noticeLine1.empty() && status.softwareRenderSeen) RaiseNotice(in_data, out_data, *status.text);
+  if (status.softwareRenderSeen) RaiseNotice(in_data, out_data);
   if (status.noDevice) status.softwareRenderSeen = true;
 
   ScopedSuite<PF_WorldSuite2> worlds(in_data, out_data);
@@ -196,9 +201,7 @@ PF_Err RenderCPU(PF_InData* in_data, PF_OutData* out_data, PF_EffectWorld* input
 
   const int depth = PixelFormatDepth(format, IsPremiere(in_data));
   if (PixelSizeOfDepth(depth) == 0) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Wrong bitdepth: " << depth;
-    Log(std::move(s));
+    LOG_ERROR("Wrong bitdepth: ", depth);
     return PF_Err_BAD_CALLBACK_PARAM;
   }
 

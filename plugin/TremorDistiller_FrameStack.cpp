@@ -1,6 +1,5 @@
 #include "TremorDistiller_FrameStack.h"
 
-#include <sstream>
 #include <utility>
 
 #include "LogsController.h"
@@ -41,14 +40,27 @@ void SetPassMotionValues(KernelData& kernelData) {
   }
 }
 
+int32_t RunPassLaunches(const PassLaunches& launches, const PassBuffers& b, const MainKernelArgs& mainArgs,
+                        const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs) {
+  const bool curCanvas = FrameNeedsCanvas(curArgs);
+  const bool preCanvas = FrameNeedsCanvas(preArgs);
+  int32_t status = 0;
+  if (curCanvas) status = launches.resize(launches.form, b.inCurFrame, b.curCanvas, curArgs);
+  if (status == 0 && preCanvas) status = launches.resize(launches.form, b.inPreFrame, b.preCanvas, preArgs);
+  if (status == 0) {
+    const MainKernelBuffers main{preCanvas ? b.preCanvas : b.inPreFrame, curCanvas ? b.curCanvas : b.inCurFrame,
+                                 b.outIm, b.outDst, b.inIm};
+    status = launches.main(launches.form, main, mainArgs);
+  }
+  return status;
+}
+
 int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host) {
   KernelData& kd = *job.kernelData;
   const int32_t n = kd.numFrames - 2;
   if (n < 0) return 0;  // nothing to compare: the output stays as the host gave it
   if (static_cast<int32_t>(job.frames.size()) < kd.numFrames) {
-    std::ostringstream ss;
-    ss << LOG_ERROR_LINE << "Frame stack holds " << job.frames.size() << " frames, expected " << kd.numFrames;
-    Log(std::move(ss));
+    LOG_ERROR("Frame stack holds ", job.frames.size(), " frames, expected ", kd.numFrames);
     return host.failureCode;
   }
 
@@ -59,9 +71,7 @@ int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host) {
   void* buf[kScratchCount] = {};
   int32_t status = 0;
   auto failEmpty = [&](const char* what) {
-    std::ostringstream ss;
-    ss << LOG_ERROR_LINE << what;
-    Log(std::move(ss));
+    LOG_ERROR_IN("RenderFrameStack", what);
     status = host.failureCode;
   };
 

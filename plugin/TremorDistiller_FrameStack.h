@@ -84,6 +84,28 @@ struct FrameStackJob {
 
 int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host);
 
+// The buffers MainKernel is launched with, in its argument order.
+struct MainKernelBuffers {
+  void* inPre;
+  void* inCur;
+  void* outIm;
+  void* outDst;
+  void* inIm;
+};
+
+// What a device form (CUDA, OpenCL, the CPU reference) supplies to the one
+// pass: its two launches. Each returns 0 or the status that ends the pass.
+struct PassLaunches {
+  void* form;  // the form's own state for this pass
+  int32_t (*resize)(void* form, void* src, void* dst, const ResizeKernelArgs& args);
+  int32_t (*main)(void* form, const MainKernelBuffers& buffers, const MainKernelArgs& args);
+};
+
+// The launches of one pass: the newer frame, then the older, onto their
+// canvases where they need one, then MainKernel. Stops at the first failure.
+int32_t RunPassLaunches(const PassLaunches& launches, const PassBuffers& buffers, const MainKernelArgs& mainArgs,
+                        const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs);
+
 // Values that "Motion Amplification" switches, set at the start of each pass.
 void SetPassMotionValues(KernelData& kernelData);
 

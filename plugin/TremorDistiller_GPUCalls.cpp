@@ -10,10 +10,6 @@ OpenCLCalls& GetOpenCLCalls() {
 }
 
 CudaCalls& GetCudaCalls() {
-#ifdef TD_HAVE_CUDA
   static CudaCalls calls = CudaRuntimeCalls();
-#else
-  static CudaCalls calls = {};
-#endif
   return calls;
 }

@@ -42,7 +42,8 @@ struct CudaCalls {
 OpenCLCalls& GetOpenCLCalls();
 CudaCalls& GetCudaCalls();
 
-// The real CUDA rows; defined by the CUDA unit when a toolkit is present.
+// The real CUDA rows: from the CUDA unit where a toolkit was found, else all
+// null, so the pass reports a build without CUDA.
 CudaCalls CudaRuntimeCalls();
 
 #endif

@@ -98,9 +98,7 @@ std::string FieldText(const char (&field)[N]) {
 }
 
 void LogPlain(const std::string& label, const std::string& value) {
-  std::ostringstream stream;
-  stream << label << value;
-  Log(std::move(stream));
+  LOG_INFO(label, value);
 }
 
 }  // namespace
@@ -127,9 +125,7 @@ void FillGPUIdentity(GPUStatusText& text) {
 
   // Also when no adapter was read: gpuName then stays empty, and this line
   // comes again with every GPU render until a name is found.
-  std::ostringstream stream;
-  stream << "GPU: " << text.gpuName << ", OS: " << text.osVersion;
-  Log(std::move(stream));
+  LOG_INFO("GPU: ", text.gpuName, ", OS: ", text.osVersion);
 }
 
 std::string ShortGPUName(const std::string& description) {

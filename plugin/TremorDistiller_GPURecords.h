@@ -4,8 +4,11 @@
 #ifndef TREMORDISTILLER_GPURECORDS_H
 #define TREMORDISTILLER_GPURECORDS_H
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 // The system's own numbering, different from both hosts'.
@@ -19,9 +22,8 @@ enum GPUFramework : int32_t {
 // Table text of a framework; the table is never read outside its three rows.
 const char* GPUFrameworkText(GPUFramework framework);
 
-// Host values to ours, applied at set-up, set-down and every render.
-GPUFramework FrameworkFromAeWhatGpu(int32_t whatGpu);         // 1 OpenCL, 2 Metal, 3 CUDA
-GPUFramework FrameworkFromPrDeviceFramework(int32_t framework);  // 0 CUDA, 1 OpenCL, 2 Metal
+// The host's value to ours, applied at set-up, set-down and every render.
+GPUFramework FrameworkFromAeWhatGpu(int32_t whatGpu);  // 1 OpenCL, 2 Metal, 3 CUDA
 
 struct KernelEntry {
   char name[128];  // always NUL-terminated
@@ -41,20 +43,36 @@ struct GPUStatusText {
   std::string noticeLine2;
 };
 
-// One per process. Plain data written from whichever host thread runs a
-// set-up, teardown, render or draw; whole-record consistency is not promised.
+// One per process, reached from whichever host thread runs a set-up, teardown,
+// render or draw: the texts change under `mutex` only (EditGPUStatusText).
 struct GPUStatus {
   std::unique_ptr<GPUStatusText> text = std::make_unique<GPUStatusText>();
-  bool noDevice = true;
-  bool softwareRenderSeen = false;
+  std::atomic<bool> noDevice{true};
+  std::atomic<bool> softwareRenderSeen{false};
+  std::mutex mutex;
+  // What the latest device set-up read of the adapter and OS, so a render can
+  // bring the name back after a notice without reading the adapter again.
+  std::string deviceGpuName;
+  std::string deviceOsVersion;
 };
 
 GPUStatus& GetGPUStatus();
+
+// Changes the texts under the record's lock.
+void EditGPUStatusText(const std::function<void(GPUStatusText&)>& change);
+// A consistent copy of the texts.
+GPUStatusText ReadGPUStatusText();
 
 // ---- Identification and error texts ----
 
 // Logs the adapter and OS and sets gpuName and osVersion.
 void FillGPUIdentity(GPUStatusText& text);
+
+// At device set-up: reads the identity once for this device and shows it.
+void ShowDeviceIdentity();
+// At each pass: after a notice took the name down, the device's name comes
+// back and the notice goes. Reads nothing and logs nothing.
+void RestoreDeviceIdentity();
 
 // "NVIDIA GeForce RTX 3080 Ti" -> "RTX 3080"; unchanged when nothing matches.
 std::string ShortGPUName(const std::string& description);

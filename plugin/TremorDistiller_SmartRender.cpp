@@ -67,9 +67,7 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
 
   KernelData* kd = new (std::nothrow) KernelData;
   if (!kd) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Something wrong with allocation of Kernel Data";
-    Log(std::move(s));
+    LOG_ERROR("Something wrong with allocation of Kernel Data");
     return PF_Err_OUT_OF_MEMORY;
   }
 
@@ -97,7 +95,9 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
   kd->originH[0] = result.result_rect.left;
   kd->originV[0] = result.result_rect.top;
 
-  // Test kept as the host's sample has it: top <= bottom, not bottom <= top.
+  // Only a max rect that is empty across (right <= left) but not upside down
+  // (top <= bottom) takes the checked-out rects; anything else, an ordinary
+  // rect included, promises the whole downsampled frame.
   if (result.max_result_rect.right <= result.max_result_rect.left &&
       result.max_result_rect.top <= result.max_result_rect.bottom) {
     UnionLRect(result.result_rect, extra->output->result_rect);
@@ -159,9 +159,7 @@ PF_Err SmartRenderStack(PF_InData* in_data, PF_OutData* out_data, PF_SmartRender
   PF_EffectWorld** frames = list.handle ? static_cast<PF_EffectWorld**>(handles->host_lock_handle(list.handle)) : nullptr;
   PF_Err err = PF_Err_NONE;
   if (!frames) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Cannot initialize layer frames";
-    Log(std::move(s));
+    LOG_ERROR_IN("SmartRender", "Cannot initialize layer frames");
     err = PF_Err_OUT_OF_MEMORY;
   } else {
     for (A_long i = 0; i < numFrames; ++i) frames[i] = nullptr;
@@ -180,9 +178,7 @@ PF_Err SmartRenderStack(PF_InData* in_data, PF_OutData* out_data, PF_SmartRender
       if (!err && ReplaceMissingFrame(frames, i) && i == numFrames - 1) {
         // A zero time step has no frame number to show; the time itself is.
         const A_long at = in_data->time_step ? in_data->current_time / in_data->time_step : in_data->current_time;
-        std::ostringstream s;
-        s << LOG_ERROR_LINE << "Reached a last NULL frame at #" << at << " frame.";
-        Log(std::move(s));
+        LOG_ERROR_IN("SmartRender", "Reached a last NULL frame at #", at, " frame.");
       }
     }
     if (!err) err = SmartRenderGPU(in_data, out_data, format, frames, output, extra, kd);

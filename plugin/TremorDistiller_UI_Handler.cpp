@@ -33,9 +33,7 @@ PF_Err LoadAboutImage(PF_InData* in_data, AboutImage* about) {
                          reinterpret_cast<LPCSTR>(&LoadAboutImage), &module))
     resource = FindResourceA(module, MAKEINTRESOURCEA(kAboutResourceName), MAKEINTRESOURCEA(kAboutResourceType));
   if (!resource) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Cannot find 'about' resource.";
-    Log(std::move(s));
+    LOG_ERROR("Cannot find 'about' resource.");
     return PF_Err_BAD_CALLBACK_PARAM;
   }
 
@@ -43,9 +41,7 @@ PF_Err LoadAboutImage(PF_InData* in_data, AboutImage* about) {
   const HGLOBAL loaded = LoadResource(module, resource);
   const void* bytes = loaded ? LockResource(loaded) : nullptr;
   if (!bytes) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Cannot lock 'about' resource.";
-    Log(std::move(s));
+    LOG_ERROR("Cannot lock 'about' resource.");
     return PF_Err_BAD_CALLBACK_PARAM;
   }
 
@@ -57,9 +53,7 @@ PF_Err LoadAboutImage(PF_InData* in_data, AboutImage* about) {
   // The decoder always gives 4 channels, but the handle is sized by what the
   // file holds; only an RGBA file makes the two agree, so nothing else is taken.
   if (!decoded || channels != kAboutChannels) {
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Cannot load 'about' image.";
-    Log(std::move(s));
+    LOG_ERROR("Cannot load 'about' image.");
     return PF_Err_BAD_CALLBACK_PARAM;
   }
   about->width = width;
@@ -83,9 +77,7 @@ PF_Err LoadAboutImage(PF_InData* in_data, AboutImage* about) {
   void* target = pixels ? handles->host_lock_handle(pixels) : nullptr;
   if (!target) {
     if (pixels) handles->host_dispose_handle(pixels);
-    std::ostringstream s;
-    s << LOG_ERROR_LINE << "Cannot allocate 'about' image memory.";
-    Log(std::move(s));
+    LOG_ERROR("Cannot allocate 'about' image memory.");
     return PF_Err_BAD_CALLBACK_PARAM;
   }
   std::memcpy(target, bgra.data(), byteCount);

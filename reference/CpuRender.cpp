@@ -4,23 +4,37 @@
 #include <memory>
 #include <vector>
 
+namespace {
+
+struct CpuPass {
+  const CpuLaunchConfig& config;
+  const KernelData& params;
+};
+
+int32_t CpuResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
+  const CpuPass& pass = *static_cast<const CpuPass*>(form);
+  CpuResizeKernel(pass.config, src, dst, a.inSrcPitch, a.inDstPitch, a.in16f, a.inWidth, a.inHeight, a.outWidth,
+                  a.outHeight, a.inOffsetX, a.inOffsetY);
+  return 0;
+}
+
+int32_t CpuMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m) {
+  const CpuPass& pass = *static_cast<const CpuPass*>(form);
+  CpuMainKernel(pass.config, b.inPre, b.inCur, b.outIm, b.outDst, &pass.params, m.inPrePitch, m.inCurPitch,
+                m.inDstPitch, m.in16f, static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight),
+                b.inIm);
+  return 0;
+}
+
+}  // namespace
+
 int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& b, KernelData& kd,
                       const MainKernelArgs& m, const ResizeKernelArgs& pre, const ResizeKernelArgs& cur) {
   SetPassMotionValues(kd);
-  const bool curCanvas = FrameNeedsCanvas(cur);
-  const bool preCanvas = FrameNeedsCanvas(pre);
-  if (curCanvas)
-    CpuResizeKernel(config, b.inCurFrame, b.curCanvas, cur.inSrcPitch, cur.inDstPitch, cur.in16f, cur.inWidth,
-                    cur.inHeight, cur.outWidth, cur.outHeight, cur.inOffsetX, cur.inOffsetY);
-  if (preCanvas)
-    CpuResizeKernel(config, b.inPreFrame, b.preCanvas, pre.inSrcPitch, pre.inDstPitch, pre.in16f, pre.inWidth,
-                    pre.inHeight, pre.outWidth, pre.outHeight, pre.inOffsetX, pre.inOffsetY);
-  // The kernel reads its own copy of the record, as a device would.
+  // The kernels read their own copy of the record, as a device would.
   const KernelData params = kd;
-  CpuMainKernel(config, preCanvas ? b.preCanvas : b.inPreFrame, curCanvas ? b.curCanvas : b.inCurFrame, b.outIm,
-                b.outDst, &params, m.inPrePitch, m.inCurPitch, m.inDstPitch, m.in16f,
-                static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight), b.inIm);
-  return 0;
+  CpuPass pass{config, params};
+  return RunPassLaunches({&pass, CpuResize, CpuMain}, b, m, pre, cur);
 }
 
 FrameStackHost MakeCpuFrameStackHost(const CpuLaunchConfig& config, const FrameStackJob& job) {

@@ -2,18 +2,15 @@
 #ifndef TREMOR_TOOLS_RENDERDEVICE_H
 #define TREMOR_TOOLS_RENDERDEVICE_H
 
-#include <stdexcept>
 #include <string>
 
 #include "AeHost.h"
+#include "Device.h"
 
 namespace render {
 
 // A --device value that names nothing usable; the message is one line.
-class DeviceError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using DeviceError = ::DeviceError;
 
 // "auto", "opencl", "opencl:P.D", "cuda", "cuda:N". Checks that the device
 // exists; auto takes CUDA if present, else an OpenCL GPU, else any OpenCL

@@ -3,9 +3,8 @@
 // command selectors and error codes, so log lines can say what happened.
 //
 // Usage at a site:
-//     std::ostringstream stream;
-//     stream << LOG_ERROR_LINE << "clEnqueueNDRangeKernel failed: " << status;
-//     Log(std::move(stream));
+//     LOG_ERROR("OpenCL Assert: ", OpenCLErrorText(err));   // "ERROR [file:line:function] :: ..."
+//     LOG_INFO("Initialized new device: ", name);
 //
 // No levels, no switch, no lock: records are rare (failures and a few start-up
 // lines), so the file is opened and closed for each one.
@@ -158,6 +157,17 @@ constexpr std::string_view LogFunctionName(std::string_view signature)
     return s;
 }
 
+// Internal linkage is no part of a name a user should read in the log.
+constexpr std::string_view LogWithoutAnonymousNamespace(std::string_view name)
+{
+    for (std::string_view prefix : {std::string_view("{anonymous}::"), std::string_view("(anonymous namespace)::")}) {
+        while (name.substr(0, prefix.size()) == prefix) {
+            name.remove_prefix(prefix.size());
+        }
+    }
+    return name;
+}
+
 // "ERROR [file:line:function] :: ", the head of every error record.
 inline std::string ErrorLinePrefix(std::string_view file, int line, std::string_view function)
 {
@@ -178,8 +188,10 @@ inline std::string ErrorLinePrefix(std::string_view file, int line, std::string_
 #endif
 
 // A macro because it needs the site's own file, line and function.
-#define LOG_ERROR_LINE \
-    ErrorLinePrefix(LogSourceFileName(__FILE__), __LINE__, LogFunctionName(TD_LOG_FUNCTION_SIGNATURE))
+#define LOG_ERROR_LINE LOG_ERROR_LINE_IN(LogFunctionName(TD_LOG_FUNCTION_SIGNATURE))
+// For a helper that reports on behalf of the operation the user knows.
+#define LOG_ERROR_LINE_IN(function) \
+    ErrorLinePrefix(LogSourceFileName(__FILE__), __LINE__, LogWithoutAnonymousNamespace(function))
 
 // ---- Records -----------------------------------------------------------------
 
@@ -255,6 +267,24 @@ inline void Log(std::ostringstream stream)
     }
 }
 
+// One record from its parts: LOG_ERROR("Wrong bitdepth: ", depth).
+template <typename... Parts>
+void LogParts(const std::string& head, const Parts&... parts)
+{
+    try {
+        std::ostringstream stream;
+        stream << head;
+        (stream << ... << parts);
+        Log(std::move(stream));
+    } catch (const std::exception&) {
+        // Logging never fails its caller.
+    }
+}
+
+#define LOG_ERROR(...) LogParts(LOG_ERROR_LINE, __VA_ARGS__)
+#define LOG_ERROR_IN(function, ...) LogParts(LOG_ERROR_LINE_IN(function), __VA_ARGS__)
+#define LOG_INFO(...) LogParts(std::string(), __VA_ARGS__)
+
 // Sets the log paths and starts an empty log, deleting the previous run's.
 // Returns an empty string, or the failure's text for the host's message.
 inline std::string LoggerInit(const std::string& fileStem, const std::string& folderName)
@@ -265,9 +295,7 @@ inline std::string LoggerInit(const std::string& fileStem, const std::string& fo
         char tempPath[kLogPathSize] = {};
         if (GetTempPathA(static_cast<DWORD>(kLogPathSize), tempPath) == 0) {
             const std::string text = "Failed to get temp path on Windows.";
-            std::ostringstream stream;
-            stream << LOG_ERROR_LINE << text;
-            Log(std::move(stream));
+            LOG_ERROR(text);
             return text;
         }
 
@@ -284,16 +312,12 @@ inline std::string LoggerInit(const std::string& fileStem, const std::string& fo
 
         if (!std::filesystem::exists(folderPath)) {
             std::filesystem::create_directories(folderPath);
-            std::ostringstream stream;
-            stream << "Folder \"" << folderPath << "\" doesn't exist. Creating...";
-            Log(std::move(stream));
+            LOG_INFO("Folder \"", folderPath, "\" doesn't exist. Creating...");
         }
         return {};
     } catch (const std::exception& e) {
         const std::string text = std::string("An error occurred in LoggerInit: ") + e.what();
-        std::ostringstream stream;
-        stream << LOG_ERROR_LINE << text;
-        Log(std::move(stream));
+        LOG_ERROR(text);
         return text;
     }
 }

@@ -1,6 +1,5 @@
 // Device set-up, program build, teardown and the GPU pass's failure rows, with
 // fake OpenCL and CUDA runtimes in the call tables.
-#define GPU_FAILURE_CODE 512
 #include "TremorDistiller_AePrGPU_Functions.h"
 
 #include <gtest/gtest.h>
@@ -128,7 +127,7 @@ class GpuLifecycle : public ::testing::Test {
 };
 
 TEST_F(GpuLifecycle, OpenCLSetUpBuildsBothKernelsAndSetsTheStatus) {
-  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr), 0);
+  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
   EXPECT_STREQ(list_.entries[0].name, "MainKernel");
   EXPECT_STREQ(list_.entries[1].name, "ResizeKernel");
   EXPECT_NE(list_.entries[0].kernel, nullptr);
@@ -143,7 +142,7 @@ TEST_F(GpuLifecycle, OpenCLSetUpBuildsBothKernelsAndSetsTheStatus) {
 TEST_F(GpuLifecycle, ProgramBuildFailureRows) {
   // No program: no build, no kernel, and the failure code.
   FakeCL::createProgramResult = CL_OUT_OF_HOST_MEMORY;
-  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), 512);
   EXPECT_EQ(FakeCL::Count("buildProgram"), 0u);
   EXPECT_EQ(FakeCL::kernelObjects, 0);
   EXPECT_EQ(log_.Count("OpenCL Assert: Code: 0xFFFFFFFA (Out of host memory)"), 1u);
@@ -153,7 +152,7 @@ TEST_F(GpuLifecycle, ProgramBuildFailureRows) {
   SetUp();
   FakeCL::buildResult = CL_BUILD_PROGRAM_FAILURE;
   FakeCL::buildLog = "error: one\nerror: two";
-  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), 512);
   EXPECT_EQ(FakeCL::kernelObjects, 0);
   EXPECT_EQ(log_.Count("Code: 0xFFFFFFF5 (Build program failure)"), 1u);
   EXPECT_NE(log_.All().find("] :: error: one\nerror: two"), std::string::npos);
@@ -161,47 +160,47 @@ TEST_F(GpuLifecycle, ProgramBuildFailureRows) {
   // A good build with warnings logs them and still makes both kernels.
   SetUp();
   FakeCL::buildLog = "w";  // two bytes with its NUL
-  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr), 0);
+  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), 0);
   EXPECT_EQ(log_.Count("] :: w\n"), 1u);
   EXPECT_EQ(FakeCL::kernelObjects, 2);
 
   // Slot 1 fails: slot 0 stays live, slot 1 keeps its name, the code is OpenCL's.
   SetUp();
   FakeCL::createKernelResult[1] = CL_INVALID_KERNEL_NAME;
-  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr), CL_INVALID_KERNEL_NAME);
+  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), CL_INVALID_KERNEL_NAME);
   EXPECT_NE(list_.entries[0].kernel, nullptr);
   EXPECT_EQ(list_.entries[1].kernel, nullptr);
   EXPECT_STREQ(list_.entries[1].name, "ResizeKernel");
   EXPECT_EQ(log_.Count("Can't initialize kernel function \"ResizeKernel\""), 1u);
 
-  EXPECT_EQ(InitializeOpenCL(nullptr, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeOpenCL(nullptr, nullptr, nullptr, 512), 512);
   EXPECT_EQ(log_.Count("KernelList pointer is null"), 1u);
 }
 
 TEST_F(GpuLifecycle, FrameworksOtherThanOpenCL) {
   list_.entries[0].kernel = reinterpret_cast<void*>(0x1);  // CUDA leaves the list alone
-  EXPECT_EQ(InitializeGPU(CUDA, &list_, nullptr, nullptr), 0);
+  EXPECT_EQ(InitializeGPU(CUDA, &list_, nullptr, nullptr, 512), 0);
   EXPECT_EQ(list_.entries[0].kernel, reinterpret_cast<void*>(0x1));
   EXPECT_TRUE(FakeCL::calls.empty());
 
-  EXPECT_EQ(InitializeGPU(Metal, &list_, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeGPU(Metal, &list_, nullptr, nullptr, 512), 512);
   EXPECT_EQ(GetGPUStatus().text->frameworkName, "Metal");
   EXPECT_FALSE(GetGPUStatus().noDevice);
   EXPECT_EQ(log_.Count("Initialized new device: Metal"), 1u);
   EXPECT_EQ(log_.Count("Metal is not available"), 1u);
 
-  EXPECT_EQ(InitializeGPU(GPU_FRAMEWORK_NONE, &list_, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeGPU(GPU_FRAMEWORK_NONE, &list_, nullptr, nullptr, 512), 512);
   EXPECT_EQ(log_.Count("Unsupported GPU type"), 1u);
   GetGPUStatus().noDevice = true;
-  EXPECT_EQ(InitializeGPU(OpenCL, nullptr, nullptr, nullptr), 512);
+  EXPECT_EQ(InitializeGPU(OpenCL, nullptr, nullptr, nullptr, 512), 512);
   EXPECT_TRUE(GetGPUStatus().noDevice);  // unchanged by a null list
 }
 
 TEST_F(GpuLifecycle, TeardownReleasesOnceAndClearsEverySlot) {
-  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr), 0);
+  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
   FakeCL::releaseKernelResult = CL_INVALID_KERNEL;
   FakeCL::calls.clear();
-  EXPECT_EQ(GPUDispose(OpenCL, &list_), 512);
+  EXPECT_EQ(GPUDispose(OpenCL, &list_, 512), 512);
   EXPECT_EQ(FakeCL::Count("releaseKernel"), 1u);  // slot 1 cleared without a call
   EXPECT_EQ(list_.entries[0].kernel, nullptr);
   EXPECT_EQ(list_.entries[1].kernel, nullptr);
@@ -210,16 +209,16 @@ TEST_F(GpuLifecycle, TeardownReleasesOnceAndClearsEverySlot) {
 
   // A second teardown finds empty slots: no call, success.
   FakeCL::calls.clear();
-  EXPECT_EQ(GPUDispose(OpenCL, &list_), 0);
+  EXPECT_EQ(GPUDispose(OpenCL, &list_, 512), 0);
   EXPECT_TRUE(FakeCL::calls.empty());
 
   // CUDA clears without releasing; a null list is no error there only.
   list_.entries[0].kernel = reinterpret_cast<void*>(0x1);
-  EXPECT_EQ(GPUDispose(CUDA, &list_), 0);
+  EXPECT_EQ(GPUDispose(CUDA, &list_, 512), 0);
   EXPECT_EQ(list_.entries[0].kernel, nullptr);
   EXPECT_TRUE(FakeCL::calls.empty());
-  EXPECT_EQ(GPUDispose(CUDA, nullptr), 0);
-  EXPECT_EQ(GPUDispose(OpenCL, nullptr), 512);
+  EXPECT_EQ(GPUDispose(CUDA, nullptr, 512), 0);
+  EXPECT_EQ(GPUDispose(OpenCL, nullptr, 512), 512);
 }
 
 // ---- The pass's failure rows ----
@@ -232,15 +231,14 @@ struct PassSetUp {
   MainKernelArgs main{40, 40, 40, 0, 37, 19};
   ResizeKernelArgs pre{40, 40, 0, 37, 19, 37, 19, 0, 0};
   ResizeKernelArgs cur{40, 40, 0, 37, 19, 37, 19, 0, 0};
-  int32_t Run(GPUFramework f, const KernelList* list) {
-    return GPURender(f, list, nullptr, nullptr, buffers, kd, main, pre, cur, 16);
+  int32_t Run(GPUFramework f, const KernelList* list, int32_t failureCode = 512) {
+    return GPURender(f, list, nullptr, nullptr, buffers, kd, main, pre, cur, 16, failureCode);
   }
 };
 
 TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeeds) {
-  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr), 0);
-  GetGPUStatus().text->gpuName = "Test GPU";
-  PassSetUp p;
+  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
+    PassSetUp p;
   FakeCL::calls.clear();
   EXPECT_EQ(p.Run(OpenCL, &list_), 0);
   EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), 0u);
@@ -265,16 +263,15 @@ TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeeds) {
 }
 
 TEST_F(GpuLifecycle, PassFailuresSkipTheRestOfThePass) {
-  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr), 0);
-  GetGPUStatus().text->gpuName = "Test GPU";
-  PassSetUp p;
+  ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
+    PassSetUp p;
   p.cur.inOffsetX = 1;
   FakeCL::failSetArgAt = 3;
   FakeCL::calls.clear();
   EXPECT_EQ(p.Run(OpenCL, &list_), 512);
   EXPECT_EQ(FakeCL::Count("setKernelArg"), 4u);
   EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel") + FakeCL::Count("enqueue MainKernel"), 0u);
-  EXPECT_EQ(log_.Count("OpenCL Assert: Code: 0xFFFFFFCE (Invalid argument value)"), 1u);
+  EXPECT_EQ(log_.Count(":GPURender] :: OpenCL Assert: Code: 0xFFFFFFCE (Invalid argument value)"), 1u);
   EXPECT_EQ(FakeCL::buffersLive, 0);
 
   FakeCL::failSetArgAt = -1;
@@ -287,7 +284,8 @@ TEST_F(GpuLifecycle, PassFailuresSkipTheRestOfThePass) {
   EXPECT_EQ(p.Run(OpenCL, &list_), 512);
   EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: MainKernel"), 1u);
 
-  EXPECT_EQ(p.Run(OpenCL, nullptr), 512);
+  // The failure code is the caller's: Premiere's general failure on that side.
+  EXPECT_EQ(p.Run(OpenCL, nullptr, kPrGPUFailureCode), kPrGPUFailureCode);
   EXPECT_EQ(log_.Count("KernelList pointer is null"), 1u);
   FakeCL::calls.clear();
   EXPECT_EQ(p.Run(Metal, &list_), 0);  // known, draws nothing
@@ -296,24 +294,28 @@ TEST_F(GpuLifecycle, PassFailuresSkipTheRestOfThePass) {
   EXPECT_EQ(log_.Count("Uknown GPU framework. Value: 7"), 1u);
 }
 
-TEST_F(GpuLifecycle, PassSetsMotionValuesAndTakesTheNoticeDown) {
+TEST_F(GpuLifecycle, PassSetsMotionValuesAndTakesTheNoticeDownWithoutReadingTheAdapter) {
+  ASSERT_EQ(InitializeGPU(CUDA, &list_, nullptr, nullptr, 512), 0);  // reads and logs the identity once
+  const std::string name = ReadGPUStatusText().gpuName;
+  EditGPUStatusText([](GPUStatusText& t) {
+    t.gpuName.clear();
+    t.noticeLine1 = t.noticeLine2 = "notice";
+  });
   PassSetUp p;
-  GetGPUStatus().text->gpuName.clear();
-  GetGPUStatus().text->noticeLine1 = "notice";
-  GetGPUStatus().text->noticeLine2 = "notice";
   p.kd.motion_amp = true;
   EXPECT_EQ(p.Run(Metal, &list_), 0);
   EXPECT_EQ(p.kd.displaceIntensity, 5.0f);
   EXPECT_EQ(p.kd.minVel, 0.0f);
   EXPECT_EQ(p.kd.maxVel, 0.0f);
-  EXPECT_TRUE(GetGPUStatus().text->noticeLine1.empty());
-  EXPECT_TRUE(GetGPUStatus().text->noticeLine2.empty());
-  EXPECT_EQ(log_.Count("HLL :: GPU: "), 1u);
+  const GPUStatusText text = ReadGPUStatusText();
+  EXPECT_TRUE(text.noticeLine1.empty() && text.noticeLine2.empty());
+  EXPECT_EQ(text.gpuName, name);
   p.kd.motion_amp = false;
   EXPECT_EQ(p.Run(Metal, &list_), 0);
   EXPECT_EQ(p.kd.displaceIntensity, 0.0f);
   EXPECT_EQ(p.kd.minVel, 0.01f);
   EXPECT_EQ(p.kd.maxVel, 0.5f);
+  EXPECT_EQ(log_.Count("HLL :: GPU: "), 1u) << "passes log no identity";
 }
 
 // A CUDA runtime that fails the launches it is told to.
@@ -337,8 +339,7 @@ struct FakeCuda {
 
 TEST_F(GpuLifecycle, CudaPassChecksEachLaunch) {
   FakeCuda::Install();
-  GetGPUStatus().text->gpuName = "Test GPU";
-  PassSetUp p;
+    PassSetUp p;
   p.pre.inOffsetX = p.cur.inOffsetX = 2;
   EXPECT_EQ(p.Run(CUDA, nullptr), 0);  // CUDA needs no kernel list
   EXPECT_EQ(FakeCuda::launches, 3);

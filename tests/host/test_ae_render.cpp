@@ -8,10 +8,8 @@
 #include <set>
 
 #include "CpuRender.h"
+#include "Device.h"
 #include "ModuleHostTest.h"
-#ifdef TD_HAVE_CUDA
-#include "CudaDevice.h"
-#endif
 #include "KernelTestSupport.h"
 
 namespace {
@@ -85,24 +83,23 @@ class AeRender : public ModuleHostTest {
     NewHost(options);
     for (int k = 0; k < 12; ++k) host_->AddFrame(host_->FrameTime(k), ClipFrame(k));
   }
-  void SetUpGpu(aehost::GpuKind kind = aehost::GpuKind::OpenCL) {
+  void SetUpGpu(const std::string& kind = "opencl") {
     aehost::DeviceOptions device;
-    device.kind = kind;
+    device.device = kind;
     ASSERT_EQ(host_->SetUp(&device), 0);
     ASSERT_TRUE(host_->GpuReady());
   }
   void Set(A_long diskId, double value) { host_->SetParamValue(host_->FindParam(diskId), value); }
 };
 
-class AeRenderDevices : public AeRender, public ::testing::WithParamInterface<aehost::GpuKind> {};
+class AeRenderDevices : public AeRender, public ::testing::WithParamInterface<std::string> {};
 
 TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
-#ifdef TD_HAVE_CUDA
-  const bool cuda = CudaDeviceCount() > 0;
-#else
-  const bool cuda = false;
-#endif
-  if (GetParam() == aehost::GpuKind::Cuda && !cuda) GTEST_SKIP() << "no CUDA device on this machine";
+  try {
+    ResolveDeviceText(GetParam());
+  } catch (const DeviceError& e) {
+    GTEST_SKIP() << "no " << GetParam() << " device on this machine: " << e.what();
+  }
   SetUpGpu(GetParam());
   // Disk id, value, the default it goes back to, and what the reference is told.
   const struct {
@@ -137,8 +134,8 @@ TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(, AeRenderDevices, ::testing::Values(aehost::GpuKind::OpenCL, aehost::GpuKind::Cuda),
-                         [](const auto& info) { return info.param == aehost::GpuKind::Cuda ? "Cuda" : "OpenCL"; });
+INSTANTIATE_TEST_SUITE_P(, AeRenderDevices, ::testing::Values("opencl", "cuda"),
+                         [](const auto& info) { return info.param; });
 
 TEST_F(AeRender, StartOfClipRepeatsTheOldestFrameAndSaysSoOnce) {
   SetUpGpu();

@@ -1,0 +1,95 @@
+// The one place that knows which device kinds this build has.
+#include "Device.h"
+
+#include <sstream>
+
+extern const DeviceKind kOpenCLDeviceKind;
+#ifdef TD_HAVE_CUDA
+extern const DeviceKind kCudaDeviceKind;
+#endif
+
+const std::vector<const DeviceKind*>& DeviceKinds() {
+  static const std::vector<const DeviceKind*> kinds = {
+#ifdef TD_HAVE_CUDA
+      &kCudaDeviceKind,
+#endif
+      &kOpenCLDeviceKind,
+  };
+  return kinds;
+}
+
+const DeviceKind* FindDeviceKind(const std::string& name) {
+  for (const DeviceKind* kind : DeviceKinds())
+    if (name == kind->name) return kind;
+  return nullptr;
+}
+
+std::vector<DeviceListing> ListDevices() {
+  std::vector<DeviceListing> all;
+  for (const DeviceKind* kind : DeviceKinds())
+    for (DeviceListing& d : kind->list()) all.push_back(std::move(d));
+  return all;
+}
+
+std::string DescribeDevices() {
+  std::ostringstream s;
+  for (const DeviceListing& d : ListDevices()) s << d.kind->name << ":" << d.address << "\t" << d.name << "\n";
+  if (s.str().empty()) s << "no devices found\n";
+  return s.str();
+}
+
+namespace {
+
+struct DeviceText {
+  const DeviceKind* kind;  // null for "auto"
+  std::string address;
+  bool hasAddress;
+};
+
+DeviceText ParseDeviceText(const std::string& text) {
+  const auto colon = text.find(':');
+  const std::string kindName = text.substr(0, colon);
+  DeviceText t{nullptr, colon == std::string::npos ? "" : text.substr(colon + 1), colon != std::string::npos};
+  if (kindName == "auto" && !t.hasAddress) return t;
+  t.kind = FindDeviceKind(kindName);
+  if (t.kind && (!t.hasAddress || t.kind->addressValid(t.address))) return t;
+  std::string expected = "auto";
+  const auto& kinds = DeviceKinds();
+  for (size_t i = 0; i < kinds.size(); ++i)
+    expected += std::string(i + 1 == kinds.size() ? " or " : ", ") + kinds[i]->name + "[:" + kinds[i]->addressForm + "]";
+  throw DeviceError("expected " + expected);
+}
+
+}  // namespace
+
+void CheckDeviceText(const std::string& text) { ParseDeviceText(text); }
+
+DeviceListing ResolveDeviceText(const std::string& text) {
+  const DeviceText t = ParseDeviceText(text);
+  const std::vector<DeviceListing> devices = t.kind ? t.kind->list() : ListDevices();
+  const DeviceListing* pick = nullptr;
+  for (const DeviceListing& d : devices) {
+    if (t.hasAddress ? d.address == t.address : (d.isGpu && (!pick || !pick->isGpu)) || !pick) pick = &d;
+  }
+  if (pick) return *pick;
+  if (t.hasAddress) throw DeviceError("no device " + text);
+  std::string kinds;
+  for (const DeviceKind* kind : DeviceKinds())
+    if (!t.kind || kind == t.kind) kinds += std::string(kinds.empty() ? "" : " or ") + kind->label;
+  const bool openclSearched = !t.kind || std::string(t.kind->name) == "opencl";
+  throw DeviceError("no " + kinds + " device found" + (openclSearched ? " (is PoCL installed?)" : ""));
+}
+
+Device OpenDevice(const std::string& text) {
+  const DeviceListing d = ResolveDeviceText(text);
+  return d.kind->open(d.address);
+}
+
+void CloseDevice(Device& device) {
+  if (device.kind) device.kind->close(device);
+  device = Device{};
+}
+
+DeviceBuffer AllocateDeviceBuffer(const Device& device, size_t bytes) {
+  return DeviceBuffer(device.kind->allocate(device, bytes), DeviceBufferDeleter{&device});
+}

@@ -1,0 +1,282 @@
+#include "TremorDistiller_AePrGPU_Functions.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <vector>
+
+#include "LogsController.h"
+#include "TremorDistiller_KernelText.h"
+
+namespace {
+
+// Renders of one device share its cl_kernel objects: setting a kernel's
+// arguments and enqueuing it must not interleave between threads. One lock per
+// kernel list (striped, so the list keeps the host's layout).
+std::mutex& KernelListLaunchLock(const KernelList* list) {
+  static std::mutex locks[16];
+  return locks[(reinterpret_cast<uintptr_t>(list) >> 4) % 16];
+}
+
+// ---- CUDA form of the pass ----
+
+struct CudaPass {
+  const CudaCalls& cuda;
+  void* params;
+  unsigned int blockSize;
+  int32_t failureCode;
+};
+
+int32_t CheckCudaLaunch(const CudaPass& pass) {
+  const int err = pass.cuda.peekAtLastError();
+  if (err == 0) return 0;
+  LOG_ERROR_IN("GPURender", "CUDA Assert: ", pass.cuda.getErrorString(err));
+  return pass.failureCode;
+}
+
+int32_t CudaResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
+  const CudaPass& pass = *static_cast<const CudaPass*>(form);
+  pass.cuda.launchResize(src, dst, a.inSrcPitch, a.inDstPitch, a.in16f, a.inWidth, a.inHeight, a.outWidth,
+                         a.outHeight, a.inOffsetX, a.inOffsetY, pass.blockSize);
+  return CheckCudaLaunch(pass);
+}
+
+int32_t CudaMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m) {
+  const CudaPass& pass = *static_cast<const CudaPass*>(form);
+  pass.cuda.launchMain(b.inPre, b.inCur, b.outIm, b.outDst, pass.params, m.inPrePitch, m.inCurPitch, m.inDstPitch,
+                       m.in16f, static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight), b.inIm,
+                       pass.blockSize);
+  return CheckCudaLaunch(pass);
+}
+
+int32_t RenderPassCUDA(const PassBuffers& buffers, const KernelData& kernelData, const MainKernelArgs& mainArgs,
+                       const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
+                       int32_t failureCode) {
+  const CudaCalls& cuda = GetCudaCalls();
+  if (!cuda.launchMain) {
+    LOG_ERROR_IN("GPURender", "CUDA Assert: this module was built without CUDA");
+    return failureCode;
+  }
+  CudaPass pass{cuda, nullptr, blockSize, failureCode};
+  cuda.malloc(&pass.params, sizeof(KernelData));
+  cuda.memcpyHostToDevice(pass.params, &kernelData, sizeof(KernelData));
+  const int32_t status = RunPassLaunches({&pass, CudaResize, CudaMain}, buffers, mainArgs, preArgs, curArgs);
+  cuda.free(pass.params);
+  return status;
+}
+
+// ---- OpenCL form of the pass ----
+
+struct OpenCLPass {
+  const OpenCLCalls& cl;
+  cl_command_queue queue;
+  cl_kernel mainKernel;
+  cl_kernel resizeKernel;
+  cl_mem params;
+  size_t global[2];
+  size_t local[2];
+  int32_t failureCode;
+};
+
+// Sets the arguments in order, then enqueues; the first failure skips the rest.
+int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel, const std::vector<std::pair<size_t, const void*>>& args) {
+  cl_int err = CL_SUCCESS;
+  for (cl_uint i = 0; i < args.size() && err == CL_SUCCESS; ++i)
+    err = pass.cl.setKernelArg(kernel, i, args[i].first, args[i].second);
+  if (err == CL_SUCCESS)
+    err = pass.cl.enqueueNDRangeKernel(pass.queue, kernel, 2, nullptr, pass.global, pass.local, 0, nullptr, nullptr);
+  if (err == CL_SUCCESS) return 0;
+  LOG_ERROR_IN("GPURender", "OpenCL Assert: ", OpenCLErrorText(err));
+  return pass.failureCode;
+}
+
+int32_t OpenCLResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
+  const OpenCLPass& pass = *static_cast<const OpenCLPass*>(form);
+  const cl_mem srcMem = static_cast<cl_mem>(src), dstMem = static_cast<cl_mem>(dst);
+  std::vector<std::pair<size_t, const void*>> args{{sizeof(cl_mem), &srcMem}, {sizeof(cl_mem), &dstMem}};
+  const int32_t* ints = &a.inSrcPitch;  // nine int32 in argument order
+  for (int i = 0; i < 9; ++i) args.emplace_back(sizeof(int32_t), ints + i);
+  return EnqueueOpenCL(pass, pass.resizeKernel, args);
+}
+
+int32_t OpenCLMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m) {
+  const OpenCLPass& pass = *static_cast<const OpenCLPass*>(form);
+  const cl_mem mems[5] = {static_cast<cl_mem>(b.inPre), static_cast<cl_mem>(b.inCur), static_cast<cl_mem>(b.outIm),
+                          static_cast<cl_mem>(b.outDst), static_cast<cl_mem>(b.inIm)};
+  std::vector<std::pair<size_t, const void*>> args;
+  for (int i = 0; i < 4; ++i) args.emplace_back(sizeof(cl_mem), &mems[i]);
+  args.emplace_back(sizeof(cl_mem), &pass.params);
+  const int32_t* ints = &m.inPrePitch;  // six int32 in argument order
+  for (int i = 0; i < 6; ++i) args.emplace_back(sizeof(int32_t), ints + i);
+  args.emplace_back(sizeof(cl_mem), &mems[4]);
+  return EnqueueOpenCL(pass, pass.mainKernel, args);
+}
+
+int32_t RenderPassOpenCL(const KernelList& kernels, cl_context context, cl_command_queue queue,
+                         const PassBuffers& buffers, const KernelData& kernelData, const MainKernelArgs& mainArgs,
+                         const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
+                         int32_t failureCode) {
+  const OpenCLCalls& cl = GetOpenCLCalls();
+  // The copy is taken now, so changing the record for the next pass cannot
+  // disturb a pass still queued.
+  cl_int err = CL_SUCCESS;
+  cl_mem params = cl.createBuffer(context, CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, sizeof(KernelData),
+                                  const_cast<KernelData*>(&kernelData), &err);
+  if (err != CL_SUCCESS || !params) {  // no launch without its parameters
+    LOG_ERROR_IN("GPURender", "OpenCL Assert: ", OpenCLErrorText(err != CL_SUCCESS ? err : CL_INVALID_MEM_OBJECT));
+    return failureCode;
+  }
+  const KernelEntry& mainEntry = kernels.entries[0];
+  const KernelEntry& resizeEntry = kernels.entries[1];
+  int32_t status = 0;
+  if (!mainEntry.kernel) {
+    LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function: ", mainEntry.name);
+    status = failureCode;
+  } else if ((FrameNeedsCanvas(curArgs) || FrameNeedsCanvas(preArgs)) && !resizeEntry.kernel) {
+    LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function", resizeEntry.name);
+    status = failureCode;
+  }
+  auto roundUp = [blockSize](int32_t n) { return (static_cast<size_t>(n) + blockSize - 1) / blockSize * blockSize; };
+  OpenCLPass pass{cl,
+                  queue,
+                  static_cast<cl_kernel>(mainEntry.kernel),
+                  static_cast<cl_kernel>(resizeEntry.kernel),
+                  params,
+                  {roundUp(mainArgs.inWidth), roundUp(mainArgs.inHeight)},
+                  {blockSize, blockSize},
+                  failureCode};
+  if (status == 0) {
+    std::lock_guard<std::mutex> lock(KernelListLaunchLock(&kernels));
+    status = RunPassLaunches({&pass, OpenCLResize, OpenCLMain}, buffers, mainArgs, preArgs, curArgs);
+  }
+  cl.releaseMemObject(params);
+  return status;
+}
+
+}  // namespace
+
+int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context context, int32_t failureCode) {
+  const OpenCLCalls& cl = GetOpenCLCalls();
+  if (!list) {
+    LOG_ERROR("KernelList pointer is null");
+    return failureCode;
+  }
+  int32_t result = 0;
+  const char* strings[2] = {kOpenCLSourcePrefix, kTremorDistillerKernelText};
+  const size_t lengths[2] = {kOpenCLSourcePrefixLength, std::strlen(kTremorDistillerKernelText)};
+  cl_int err = CL_SUCCESS;
+  cl_program program = cl.createProgramWithSource(context, 2, strings, lengths, &err);
+  if (err == CL_SUCCESS) err = cl.buildProgram(program, 1, &device, kOpenCLBuildOptions, nullptr, nullptr);
+  if (err != CL_SUCCESS) {
+    LOG_ERROR("OpenCL Assert: ", OpenCLErrorText(err));
+    result = failureCode;
+  }
+
+  // The build log, whatever came before: a good build with warnings logs too.
+  size_t logSize = 0;
+  cl.getProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, 0, nullptr, &logSize);
+  if (logSize >= 2) {
+    char* buildLog = static_cast<char*>(std::malloc(logSize));
+    if (!buildLog) {
+      LOG_ERROR("Failed to allocate memory for log");
+    } else {
+      cl.getProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, logSize, buildLog, nullptr);
+      buildLog[logSize - 1] = '\0';
+      LOG_ERROR(buildLog);
+      std::free(buildLog);
+    }
+  }
+
+  for (int slot = 0; slot < 2 && result == 0; ++slot) {
+    KernelEntry& entry = list->entries[slot];
+    std::strncpy(entry.name, kKernelNames[slot], sizeof entry.name - 1);
+    entry.name[sizeof entry.name - 1] = '\0';
+    cl_kernel kernel = cl.createKernel(program, entry.name, &err);
+    result = err;
+    if (result != 0) {
+      LOG_ERROR("Can't initialize kernel function \"", entry.name, "\"");
+      break;
+    }
+    entry.kernel = kernel;
+  }
+  // Kernels keep their program alive; nothing else needs it.
+  if (program) cl.releaseProgram(program);
+  return result;
+}
+
+int32_t InitializeGPU(GPUFramework framework, KernelList* list, void* device, void* context, int32_t failureCode) {
+  LOG_INFO("Initialized new device: ", GPUFrameworkText(framework));
+  if (!list) {
+    LOG_ERROR("KernelList pointer is null");
+    return failureCode;
+  }
+  GPUStatus& status = GetGPUStatus();
+  EditGPUStatusText([framework](GPUStatusText& text) { text.frameworkName = GPUFrameworkText(framework); });
+  status.noDevice = false;
+  status.softwareRenderSeen = false;
+  switch (framework) {
+    case CUDA:
+      ShowDeviceIdentity();
+      return 0;
+    case OpenCL: {
+      ShowDeviceIdentity();
+      return InitializeOpenCL(list, static_cast<cl_device_id>(device), static_cast<cl_context>(context), failureCode);
+    }
+    case Metal:
+      LOG_ERROR("Metal is not available");
+      return failureCode;
+    default:
+      LOG_ERROR("Unsupported GPU type");
+      return failureCode;
+  }
+}
+
+int32_t GPUDispose(GPUFramework framework, KernelList* list, int32_t failureCode) noexcept {
+  int32_t result = 0;
+  try {
+    GetGPUStatus().noDevice = true;
+    if (!list) {
+      if (framework == CUDA) return 0;
+      LOG_ERROR("KernelList pointer is null");
+      return failureCode;
+    }
+    for (KernelEntry& entry : list->entries) {
+      if (!entry.kernel) continue;
+      // After a failed release the rest are cleared without a call.
+      if (framework == OpenCL && result == 0) {
+        const cl_int err = GetOpenCLCalls().releaseKernel(static_cast<cl_kernel>(entry.kernel));
+        if (err != CL_SUCCESS) {
+          LOG_ERROR("OpenCL Assert: ", OpenCLErrorText(err));
+          result = failureCode;
+        }
+      }
+      entry.kernel = nullptr;
+    }
+  } catch (const std::exception& e) {
+    LOG_ERROR("Could not destroy it in a graceful way. Error: ", e.what());
+  } catch (...) {
+    LOG_ERROR("Could not destroy it in a graceful way. Unknown Error.");
+  }
+  return result;
+}
+
+int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* context, void* queue,
+                  const PassBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
+                  const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
+                  int32_t failureCode) {
+  SetPassMotionValues(kernelData);
+  RestoreDeviceIdentity();
+  if (framework == CUDA)
+    return RenderPassCUDA(buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
+  if (!kernels) {
+    LOG_ERROR("KernelList pointer is null");
+    return failureCode;
+  }
+  if (framework == OpenCL)
+    return RenderPassOpenCL(*kernels, static_cast<cl_context>(context), static_cast<cl_command_queue>(queue),
+                            buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
+  if (framework == Metal) return 0;
+  LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
+  return failureCode;
+}
