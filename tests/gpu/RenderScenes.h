@@ -88,18 +88,6 @@ struct Scene {
 };
 
 // The delivered picture as floats, whatever the storage form.
-std::vector<float> AsFloats(const std::vector<unsigned char>& bytes, bool is16f) {
-  std::vector<float> out;
-  if (is16f) {
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2) out.push_back(gfcpu::HalfToFloat(bytes[i] | (bytes[i + 1] << 8)));
-  } else {
-    out.resize(bytes.size() / 4);
-    std::memcpy(out.data(), bytes.data(), bytes.size());
-  }
-  return out;
-}
-
-// The delivered picture as floats, whatever the storage form.
 inline std::vector<float> AsFloats(const Scene& s, const std::vector<unsigned char>& bytes) {
   std::vector<float> out;
   if (s.is16f) {
