@@ -75,7 +75,8 @@ TEST(TremorRenderReference, ExrOutputEqualsTheReference) {
   info.height = kH;
   info.frameRate = {10, 1};
   {
-    media::Writer in((dir / "in.%04d.exr").string(), media::OutputKind::ExrSequence, info, "");
+    const std::string pattern = (dir / "in.%04d.exr").string();
+    media::Writer in(pattern, media::OutputFormatFor(pattern), info, "");
     for (int k = 0; k < kFrames; ++k) in.Write(ClipFrame(k), k);
     in.Finish();
   }

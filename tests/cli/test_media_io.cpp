@@ -17,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using media::MediaError;
-using media::OutputKind;
 using media::Picture;
 
 const bool kQuiet = (media::QuietLibraries(), true);
@@ -86,7 +85,7 @@ void WriteAll(const std::string& path, const std::vector<Picture>& pics, int64_t
               media::Rational rate = {25, 1}, const std::string& audio = "", std::vector<std::string>* files = nullptr) {
   media::InputInfo info;
   info.frameRate = rate;
-  media::Writer w(path, media::OutputKindFor(path), info, audio);
+  media::Writer w(path, media::OutputFormatFor(path), info, audio);
   for (size_t i = 0; i < pics.size(); ++i) w.Write(pics[i], first + static_cast<int64_t>(i));
   w.Finish();
   if (files) *files = w.Files();
@@ -374,14 +373,12 @@ TEST(Errors, InputsThatCannotBeRead) {
 TEST(Errors, OutputKinds) {
   const struct {
     const char* path;
-    OutputKind kind;
-  } good[] = {{"a.mp4", OutputKind::Mp4},         {"dir/a.MOV", OutputKind::Mov},
-              {"a.mkv", OutputKind::Mkv},         {"a.%04d.png", OutputKind::PngSequence},
-              {"a_%d.exr", OutputKind::ExrSequence}};
-  for (const auto& g : good) EXPECT_EQ(media::OutputKindFor(g.path), g.kind) << g.path;
+    const char* extension;
+  } good[] = {{"a.mp4", ".mp4"}, {"dir/a.MOV", ".mov"}, {"a.mkv", ".mkv"}, {"a.%04d.png", ".png"}, {"a_%d.exr", ".exr"}};
+  for (const auto& g : good) EXPECT_STREQ(media::OutputFormatFor(g.path).extension, g.extension) << g.path;
   for (const char* bad : {"a.avi", "a.png", "a.exr", "noext", "a.%04d.tif"})
-    ExpectError([&] { media::OutputKindFor(bad); }, "");
-  ExpectError([] { media::OutputKindFor("a.avi"); },
+    ExpectError([&] { media::OutputFormatFor(bad); }, "");
+  ExpectError([] { media::OutputFormatFor("a.avi"); },
               "unknown output extension '.avi' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)");
 }
 
@@ -390,16 +387,16 @@ TEST(Errors, WriterRefusesBadFrames) {
   media::InputInfo info;
   info.frameRate = {25, 1};
   ExpectError([&] {
-    media::Writer w((dir / "odd.mp4").string(), OutputKind::Mp4, info, "");
+    media::Writer w((dir / "odd.mp4").string(), media::OutputFormatFor("a.mp4"), info, "");
     w.Write(Smooth(0, 7, 5), 0);
   }, "even width and height");
   ExpectError([&] {
-    media::Writer w((dir / "order.mkv").string(), OutputKind::Mkv, info, "");
+    media::Writer w((dir / "order.mkv").string(), media::OutputFormatFor("a.mkv"), info, "");
     w.Write(Smooth(0), 3);
     w.Write(Smooth(1), 3);
   }, "out of order");
   ExpectError([&] {
-    media::Writer w((dir / "size.%02d.png").string(), OutputKind::PngSequence, info, "");
+    media::Writer w((dir / "size.%02d.png").string(), media::OutputFormatFor("a.%d.png"), info, "");
     w.Write(Smooth(0), 0);
     w.Write(Smooth(1, 32, 32), 1);
   }, "changes size");
