@@ -234,7 +234,9 @@ TEST_P(AudioCopy, CopiedWhereTheContainerTakesIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Containers, AudioCopy,
-                         ::testing::Values(AudioCase{"aac.mp4", "o.mp4", 1.5, true}, AudioCase{"aac.mp4", "o.mkv", 3, true},
-                                           AudioCase{"pcm.mov", "o.mov", 3, true}, AudioCase{"pcm.mov", "o.mp4", 1, false}));
+                         ::testing::Values(AudioCase{"aac.mp4", "o.mp4", 1.5, true},
+                                           AudioCase{"aac.mp4", "o.mkv", 3, true},
+                                           AudioCase{"pcm.mov", "o.mov", 3, true},
+                                           AudioCase{"pcm.mov", "o.mp4", 1, false}));
 
 }  // namespace
