@@ -1,7 +1,6 @@
 // Reading and writing pictures for tremor-render, through FFmpeg's libraries:
 // any video they decode or an image sequence given as a printf pattern
-// (PNG 8/16-bit, EXR, TIFF) in; H.264 .mp4, ProRes 4444 .mov, FFV1 .mkv, or a
-// .png (16-bit RGBA) / .exr (32-bit float RGBA) pattern out.
+// (PNG 8/16-bit, EXR, TIFF) in; the formats of OutputFormats.h out.
 //
 // Pixels are R, G, B, A floats, rows top to bottom. Values reach the caller
 // unchanged: 8-bit v becomes v/255, 16-bit v/65535, float stays; Y'CbCr is
@@ -15,6 +14,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "OutputFormats.h"
 
 namespace media {
 
@@ -67,17 +68,12 @@ class Reader {
 // FFmpeg's own log down to errors only (its default also prints encoder stats).
 void QuietLibraries();
 
-enum class OutputKind { Mp4, Mov, Mkv, PngSequence, ExrSequence };
-
-// By the output's extension; throws MediaError for an unknown one.
-OutputKind OutputKindFor(const std::string& output);
-
 class Writer {
  public:
   // Writes to `output` (for a video, at that exact path, which the caller makes
   // a temporary name; for a sequence, the pattern's files). Frame rate and
   // timing follow `info`; audio of `audioSource` is copied into video outputs.
-  Writer(const std::string& output, OutputKind kind, const InputInfo& info, const std::string& audioSource);
+  Writer(const std::string& output, const OutputFormat& format, const InputInfo& info, const std::string& audioSource);
   ~Writer();
   // `frameNumber` is the input frame this picture belongs to: it names a
   // sequence's file (the pattern's number) and times a video frame.

@@ -1,0 +1,73 @@
+#include "MediaCommon.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+extern "C" {
+#include <libavutil/dict.h>
+}
+
+#include "MediaIO.h"
+
+namespace media {
+
+std::string AvError(int code) {
+  char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, buf, sizeof buf);
+  return buf;
+}
+
+bool IsPattern(const std::string& path) { return av_filename_number_test(path.c_str()) != 0; }
+
+std::string FrameName(const std::string& pattern, int64_t number) {
+  char buf[4096];
+  if (av_get_frame_filename2(buf, sizeof buf, pattern.c_str(), static_cast<int>(number), 0) < 0)
+    throw MediaError("cannot name frame " + std::to_string(number) + " from pattern '" + pattern + "'");
+  return buf;
+}
+
+FramePtr NewFrame(AVPixelFormat fmt, int w, int h) {
+  FramePtr f(av_frame_alloc());
+  if (!f) throw MediaError("out of memory for a frame");
+  f->format = fmt;
+  f->width = w;
+  f->height = h;
+  if (av_frame_get_buffer(f.get(), 0) < 0) throw MediaError("out of memory for a frame");
+  return f;
+}
+
+namespace {
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+// For a pattern the first existing number becomes start_number, since the
+// demuxer only looks a few numbers ahead.
+InputPtr OpenInput(const std::string& input) {
+  AVDictionary* opts = nullptr;
+  const AVInputFormat* fmt = nullptr;
+  if (IsPattern(input)) {
+    fmt = av_find_input_format("image2");
+    int first = -1;
+    for (int n = 0; n <= 99999 && first < 0; ++n)
+      if (Exists(FrameName(input, n))) first = n;
+    if (first < 0) throw MediaError("cannot open input '" + input + "': " + AvError(AVERROR(ENOENT)));
+    av_dict_set_int(&opts, "start_number", first, 0);
+  }
+  AVFormatContext* raw = nullptr;
+  const int r = avformat_open_input(&raw, input.c_str(), fmt, &opts);
+  av_dict_free(&opts);
+  if (r < 0) throw MediaError("cannot open input '" + input + "': " + AvError(r));
+  InputPtr ctx(raw);
+  const int s = avformat_find_stream_info(ctx.get(), nullptr);
+  if (s < 0) throw MediaError("cannot open input '" + input + "': " + AvError(s));
+  return ctx;
+}
+
+void QuietLibraries() { av_log_set_level(AV_LOG_ERROR); }
+
+}  // namespace media

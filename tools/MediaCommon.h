@@ -1,0 +1,52 @@
+// What the media reader and writer share: FFmpeg's objects with owners,
+// error text, frame-number patterns and opening an input. Not for callers of MediaIO.h.
+#ifndef TREMOR_TOOLS_MEDIACOMMON_H
+#define TREMOR_TOOLS_MEDIACOMMON_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libswscale/swscale.h>
+}
+
+namespace media {
+
+struct FormatCloser {
+  void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+};
+struct CodecFree {
+  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameFree {
+  void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketFree {
+  void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct SwsFree {
+  void operator()(SwsContext* s) const { sws_freeContext(s); }
+};
+using InputPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
+using CodecPtr = std::unique_ptr<AVCodecContext, CodecFree>;
+using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
+
+std::string AvError(int code);
+
+// A printf frame-number pattern such as "a.%04d.png".
+bool IsPattern(const std::string& path);
+std::string FrameName(const std::string& pattern, int64_t number);
+
+FramePtr NewFrame(AVPixelFormat fmt, int w, int h);
+
+// Opens a path or a pattern with its stream information read.
+InputPtr OpenInput(const std::string& input);
+
+}  // namespace media
+
+#endif

@@ -1,0 +1,83 @@
+#include "MediaPixels.h"
+
+namespace media {
+namespace {
+
+// FFmpeg's planar RGB formats hold G, B, R, A: the plane of R, G, B and A.
+constexpr int kPlaneOf[4] = {2, 0, 1, 3};
+
+template <typename T>
+T* Row(const AVFrame& f, int plane, int y) {
+  return reinterpret_cast<T*>(f.data[plane] + static_cast<ptrdiff_t>(y) * f.linesize[plane]);
+}
+
+}  // namespace
+
+uint16_t ToU16(float v) {
+  if (!(v > 0.0f)) return 0;  // NaN too
+  if (v >= 1.0f) return 65535;
+  return static_cast<uint16_t>(v * 65535.0f + 0.5f);
+}
+
+void FloatPlanesToPicture(const AVFrame& f, bool gray, bool alpha, Picture& p) {
+  const int w = p.width;
+  for (int y = 0; y < p.height; ++y) {
+    float* out = &p.rgba[static_cast<size_t>(y) * w * 4];
+    for (int c = 0; c < (alpha ? 4 : 3); ++c) {
+      const float* in = Row<const float>(f, gray ? 0 : kPlaneOf[c], y);
+      for (int x = 0; x < w; ++x) out[4 * x + c] = in[x];
+    }
+  }
+}
+
+void PackedToPicture(const AVFrame& f, bool sixteen, Picture& p) {
+  const int n = p.width * 4;
+  for (int y = 0; y < p.height; ++y) {
+    float* out = &p.rgba[static_cast<size_t>(y) * n];
+    if (sixteen) {
+      const uint16_t* in = Row<const uint16_t>(f, 0, y);
+      for (int i = 0; i < n; ++i) out[i] = in[i] / 65535.0f;
+    } else {
+      const uint8_t* in = Row<const uint8_t>(f, 0, y);
+      for (int i = 0; i < n; ++i) out[i] = in[i] / 255.0f;
+    }
+  }
+}
+
+// Integers clamp and round here so the levels are exact before any Y'CbCr conversion.
+void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out) {
+  const int w = p.width;
+  for (int y = 0; y < p.height; ++y) {
+    const float* in = &p.rgba[static_cast<size_t>(y) * w * 4];
+    switch (layout) {
+      case PixelLayout::PlanarFloat:
+        for (int c = 0; c < 4; ++c) {
+          float* row = Row<float>(out, kPlaneOf[c], y);
+          for (int x = 0; x < w; ++x) row[x] = in[4 * x + c];
+        }
+        break;
+      case PixelLayout::PlanarU16:
+        for (int c = 0; c < 4; ++c) {
+          uint16_t* row = Row<uint16_t>(out, kPlaneOf[c], y);
+          for (int x = 0; x < w; ++x) row[x] = ToU16(in[4 * x + c]);
+        }
+        break;
+      case PixelLayout::PackedU16BE: {
+        uint8_t* row = Row<uint8_t>(out, 0, y);
+        for (int i = 0; i < w * 4; ++i) {
+          const uint16_t v = ToU16(in[i]);
+          row[2 * i] = static_cast<uint8_t>(v >> 8);
+          row[2 * i + 1] = static_cast<uint8_t>(v & 0xff);
+        }
+        break;
+      }
+      case PixelLayout::YCbCr709: {
+        uint16_t* row = Row<uint16_t>(out, 0, y);
+        for (int i = 0; i < w * 4; ++i) row[i] = ToU16(in[i]);
+        break;
+      }
+    }
+  }
+}
+
+}  // namespace media

@@ -1,0 +1,173 @@
+// Reading: any video FFmpeg decodes, or an image sequence pattern, as float RGBA.
+#include <algorithm>
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+#include "MediaCommon.h"
+#include "MediaIO.h"
+#include "MediaPixels.h"
+
+namespace media {
+
+struct Reader::Impl {
+  std::string name;
+  InputPtr fmt;
+  CodecPtr dec;
+  int stream = -1;
+  PacketPtr pkt{av_packet_alloc()};
+  FramePtr frame{av_frame_alloc()};
+  SwsPtr sws;
+  AVPixelFormat swsSrc = AV_PIX_FMT_NONE, swsDst = AV_PIX_FMT_NONE;
+  int swsW = 0, swsH = 0, swsSpace = -1, swsRange = -1;
+  FramePtr staging;
+  InputInfo info;
+  int64_t index = 0;
+  bool flushed = false;
+
+  [[noreturn]] void Corrupt() const {
+    throw MediaError("corrupt frame " + std::to_string(index) + " in '" + name + "'");
+  }
+  void OpenDecoder(const std::string& input);
+  void ReadInfo(bool sequence);
+  const AVFrame& Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr);
+  void Convert(const AVFrame& f, Picture& p);
+  bool Decode(Picture* picture);  // nullptr: decode only
+};
+
+void Reader::Impl::OpenDecoder(const std::string& input) {
+  const AVCodec* codec = nullptr;
+  stream = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+  if (stream < 0 || !codec) throw MediaError("'" + input + "' has no video stream");
+  dec.reset(avcodec_alloc_context3(codec));
+  if (avcodec_parameters_to_context(dec.get(), fmt->streams[stream]->codecpar) < 0)
+    throw MediaError("cannot open input '" + input + "': bad codec parameters");
+  dec->thread_count = 0;  // automatic
+  // Frame threads can lose a picture's decode error; one file is one picture.
+  const AVCodecDescriptor* cd = avcodec_descriptor_get(codec->id);
+  if (IsPattern(input) || (cd && (cd->props & AV_CODEC_PROP_INTRA_ONLY))) dec->thread_type = FF_THREAD_SLICE;
+  const int r = avcodec_open2(dec.get(), codec, nullptr);
+  if (r < 0) throw MediaError("cannot open input '" + input + "': " + AvError(r));
+}
+
+void Reader::Impl::ReadInfo(bool sequence) {
+  const AVStream* st = fmt->streams[stream];
+  info.width = st->codecpar->width;
+  info.height = st->codecpar->height;
+  info.isSequence = sequence;
+  AVRational rate = st->avg_frame_rate;
+  if (rate.num <= 0 || rate.den <= 0) rate = st->r_frame_rate;
+  if (rate.num <= 0 || rate.den <= 0) rate = AVRational{25, 1};
+  info.frameRate = {rate.num, rate.den};
+  info.timeBase = {st->time_base.num, st->time_base.den};
+  if (st->nb_frames > 0)
+    info.frameCount = st->nb_frames;
+  else if (sequence && st->duration > 0)
+    info.frameCount = st->duration;  // image2 counts in frames
+  for (unsigned i = 0; i < fmt->nb_streams; ++i)
+    if (fmt->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) info.hasAudio = true;
+}
+
+Reader::Reader(const std::string& input) : impl_(new Impl) {
+  impl_->name = input;
+  impl_->fmt = OpenInput(input);
+  impl_->OpenDecoder(input);
+  impl_->ReadInfo(IsPattern(input));
+}
+
+Reader::~Reader() = default;
+
+const InputInfo& Reader::Info() const { return impl_->info; }
+
+// `f` through swscale into `dst`; the context is kept while the frames agree.
+const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr) {
+  const auto src = static_cast<AVPixelFormat>(f.format);
+  const int w = f.width, h = f.height;
+  int range = f.color_range == AVCOL_RANGE_JPEG ? 1 : 0;
+  if (src == AV_PIX_FMT_YUVJ420P || src == AV_PIX_FMT_YUVJ422P || src == AV_PIX_FMT_YUVJ444P ||
+      src == AV_PIX_FMT_YUVJ440P || src == AV_PIX_FMT_YUVJ411P)
+    range = 1;
+  if (!sws || swsSrc != src || swsDst != dst || swsW != w || swsH != h || swsSpace != f.colorspace ||
+      swsRange != range) {
+    sws.reset(sws_getContext(w, h, src, w, h, dst, SWS_BILINEAR | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_BITEXACT,
+                             nullptr, nullptr, nullptr));
+    if (!sws)
+      throw MediaError("cannot convert pixel format " + std::string(av_get_pix_fmt_name(src)) + " in '" + name + "'");
+    if (yCbCr) {
+      const int* coeffs = sws_getCoefficients(f.colorspace);
+      sws_setColorspaceDetails(sws.get(), coeffs, range, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, 1 << 16,
+                               1 << 16);
+    }
+    swsSrc = src;
+    swsDst = dst;
+    swsW = w;
+    swsH = h;
+    swsSpace = f.colorspace;
+    swsRange = range;
+    staging = NewFrame(dst, w, h);
+  }
+  sws_scale(sws.get(), f.data, f.linesize, 0, h, staging->data, staging->linesize);
+  return *staging;
+}
+
+void Reader::Impl::Convert(const AVFrame& f, Picture& p) {
+  p.width = f.width;
+  p.height = f.height;
+  p.rgba.assign(static_cast<size_t>(f.width) * f.height * 4, 1.0f);
+  const auto fmt = static_cast<AVPixelFormat>(f.format);
+
+  // Float sources are copied as they are: swscale would clip or requantise.
+  if (fmt == AV_PIX_FMT_GBRPF32LE || fmt == AV_PIX_FMT_GBRAPF32LE || fmt == AV_PIX_FMT_GRAYF32LE) {
+    FloatPlanesToPicture(f, fmt == AV_PIX_FMT_GRAYF32LE, fmt == AV_PIX_FMT_GBRAPF32LE, p);
+    return;
+  }
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(fmt);
+  if (!desc) Corrupt();
+  int depth = 0;
+  for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
+  // 8-bit R'G'B' or grey stays 8-bit so that v/255 comes out exactly; Y'CbCr
+  // goes to 16 bits to keep the matrix's precision.
+  const bool rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
+  if (desc->flags & AV_PIX_FMT_FLAG_FLOAT) {
+    FloatPlanesToPicture(Scale(f, AV_PIX_FMT_GBRAPF32, !rgbLike), false, true, p);
+  } else {
+    const bool eight = depth <= 8 && rgbLike;
+    PackedToPicture(Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, !rgbLike), !eight, p);
+  }
+}
+
+bool Reader::Next(Picture& picture) { return impl_->Decode(&picture); }
+
+bool Reader::Skip() { return impl_->Decode(nullptr); }
+
+bool Reader::Impl::Decode(Picture* picture) {
+  for (;;) {
+    int r = avcodec_receive_frame(dec.get(), frame.get());
+    if (r == 0) {
+      if (picture) Convert(*frame, *picture);
+      av_frame_unref(frame.get());
+      ++index;
+      return true;
+    }
+    if (r == AVERROR_EOF) return false;
+    if (r != AVERROR(EAGAIN)) Corrupt();
+    if (flushed) return false;
+    r = av_read_frame(fmt.get(), pkt.get());
+    if (r == AVERROR_EOF) {
+      avcodec_send_packet(dec.get(), nullptr);
+      flushed = true;
+      continue;
+    }
+    if (r < 0) Corrupt();
+    if (pkt->stream_index != stream) {
+      av_packet_unref(pkt.get());
+      continue;
+    }
+    r = avcodec_send_packet(dec.get(), pkt.get());
+    av_packet_unref(pkt.get());
+    if (r < 0 && r != AVERROR(EAGAIN)) Corrupt();
+  }
+}
+
+}  // namespace media

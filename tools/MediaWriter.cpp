@@ -1,0 +1,318 @@
+// Writing: the formats of OutputFormats.h, videos with the input's audio copied in.
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+extern "C" {
+#include <libavutil/dict.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include "MediaCommon.h"
+#include "MediaIO.h"
+#include "MediaPixels.h"
+
+namespace media {
+namespace {
+
+bool EndsWith(const std::string& s, const std::string& tail) {
+  if (s.size() < tail.size()) return false;
+  for (size_t i = 0; i < tail.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(s[s.size() - tail.size() + i])) != tail[i]) return false;
+  return true;
+}
+
+const OutputFormat* LastSequence() {
+  const OutputFormat* last = nullptr;
+  for (const auto& f : kOutputFormats)
+    if (f.sequence) last = &f;
+  return last;
+}
+
+}  // namespace
+
+std::string ExtensionList(bool sequence, const char* separator, bool withDescription) {
+  std::string list;
+  for (const auto& f : kOutputFormats) {
+    if (f.sequence != sequence) continue;
+    if (!list.empty()) list += separator;
+    list += f.extension;
+    if (withDescription) list += std::string(" (") + f.description + ")";
+  }
+  return list;
+}
+
+const OutputFormat& OutputFormatFor(const std::string& output) {
+  for (const auto& f : kOutputFormats) {
+    if (!EndsWith(output, f.extension)) continue;
+    if (f.sequence && !IsPattern(output))
+      throw MediaError("output '" + output + "' needs a frame number pattern like out.%04d" + f.extension);
+    return f;
+  }
+  const auto dot = output.find_last_of('.');
+  const auto slash = output.find_last_of('/');
+  const bool none = dot == std::string::npos || (slash != std::string::npos && dot < slash);
+  const std::string ext = none ? "" : output.substr(dot);
+  throw MediaError("unknown output extension '" + ext + "' (use " + ExtensionList(false, ", ", false) + ", or a " +
+                   ExtensionList(true, "/", false) + " pattern like out.%04d" + LastSequence()->extension + ")");
+}
+
+struct Writer::Impl {
+  std::string output;
+  const OutputFormat* format = nullptr;
+  AVRational rate{25, 1};
+  CodecPtr enc;
+  AVFormatContext* mux = nullptr;  // videos only
+  AVStream* video = nullptr;
+  SwsPtr sws;
+  FramePtr rgba64;  // integer staging for swscale
+  FramePtr frame;
+  PacketPtr pkt{av_packet_alloc()};
+  std::vector<std::string> files;
+  bool started = false, finished = false;
+  int64_t first = 0, last = -1;
+
+  // Audio stream copy.
+  InputPtr audioIn;
+  int audioInIndex = -1;
+  AVStream* audioOut = nullptr;
+  PacketPtr audioPkt{av_packet_alloc()};
+  bool audioPending = false, audioDone = false;
+  int64_t audioOffset = 0;  // input time base: where the first written frame sits
+
+  ~Impl() {
+    if (mux) {
+      if (mux->pb) avio_closep(&mux->pb);
+      avformat_free_context(mux);
+    }
+  }
+  void OpenAudioSource(const std::string& source);
+  void OpenEncoder(int w, int h);
+  void OpenColourConversion(int w, int h);
+  void OpenFile();
+  void Fill(const Picture& p);
+  void WritePacket();
+  void Drain();
+  void PumpAudio(int64_t untilIn);
+  void PumpAudioTo(int64_t frameNumber);
+};
+
+Writer::Writer(const std::string& output, const OutputFormat& format, const InputInfo& info,
+               const std::string& audioSource)
+    : impl_(new Impl) {
+  Impl& m = *impl_;
+  m.output = output;
+  m.format = &format;
+  if (info.frameRate.num > 0 && info.frameRate.den > 0) m.rate = AVRational{info.frameRate.num, info.frameRate.den};
+  if (format.sequence) return;
+  const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
+  if (r < 0 || !m.mux) throw MediaError("cannot create output '" + output + "': " + AvError(r));
+  if (!audioSource.empty() && !IsPattern(audioSource)) m.OpenAudioSource(audioSource);
+}
+
+Writer::~Writer() = default;
+
+void Writer::Impl::OpenAudioSource(const std::string& source) {
+  audioIn = OpenInput(source);
+  const int a = av_find_best_stream(audioIn.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+  if (a >= 0) {
+    const AVCodecParameters* par = audioIn->streams[a]->codecpar;
+    // The container may not hold this codec (e.g. PCM in .mp4): then no audio.
+    if (avformat_query_codec(mux->oformat, par->codec_id, FF_COMPLIANCE_NORMAL) == 1) audioInIndex = a;
+  }
+  if (audioInIndex < 0) audioIn.reset();
+}
+
+void Writer::Impl::OpenEncoder(int w, int h) {
+  const OutputFormat& f = *format;
+  const AVCodec* codec = avcodec_find_encoder_by_name(f.codec);
+  if (!codec) throw MediaError(std::string("this FFmpeg has no ") + f.codec + " encoder for '" + output + "'");
+  const AVPixelFormat encFmt = av_get_pix_fmt(f.pixelFormat);
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(encFmt);
+  if (!desc) throw MediaError(std::string("this FFmpeg has no pixel format ") + f.pixelFormat);
+  if ((w % (1 << desc->log2_chroma_w)) || (h % (1 << desc->log2_chroma_h)))
+    throw MediaError("'" + output + "': " + f.description + " needs an even width and height, not " +
+                     std::to_string(w) + "x" + std::to_string(h));
+  enc.reset(avcodec_alloc_context3(codec));
+  enc->width = w;
+  enc->height = h;
+  enc->pix_fmt = encFmt;
+  enc->time_base = av_inv_q(rate);
+  enc->framerate = rate;
+  if (f.layout == PixelLayout::YCbCr709) {
+    enc->color_primaries = AVCOL_PRI_BT709;
+    enc->color_trc = AVCOL_TRC_BT709;
+    enc->colorspace = AVCOL_SPC_BT709;
+    enc->color_range = AVCOL_RANGE_MPEG;
+  }
+  if (mux && (mux->oformat->flags & AVFMT_GLOBALHEADER)) enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  AVDictionary* opts = nullptr;
+  av_dict_parse_string(&opts, f.codecOptions, "=", ":", 0);
+  const int r = avcodec_open2(enc.get(), codec, &opts);
+  av_dict_free(&opts);
+  if (r < 0)
+    throw MediaError("cannot open the " + std::string(f.codec) + " encoder for '" + output + "': " + AvError(r));
+
+  frame = NewFrame(encFmt, w, h);
+  // Some encoders (ProRes) tag from the frame, not the context.
+  frame->color_primaries = enc->color_primaries;
+  frame->color_trc = enc->color_trc;
+  frame->colorspace = enc->colorspace;
+  frame->color_range = enc->color_range;
+  if (f.layout == PixelLayout::YCbCr709) OpenColourConversion(w, h);
+  if (mux) OpenFile();
+}
+
+// 16-bit full-range R'G'B' to the encoder's BT.709 limited-range Y'CbCr.
+void Writer::Impl::OpenColourConversion(int w, int h) {
+  rgba64 = NewFrame(AV_PIX_FMT_RGBA64, w, h);
+  sws.reset(sws_getContext(w, h, AV_PIX_FMT_RGBA64, w, h, enc->pix_fmt,
+                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT, nullptr, nullptr,
+                           nullptr));
+  if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
+  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+  sws_setColorspaceDetails(sws.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+}
+
+// The video's streams and header: audio starts where the first written frame sits.
+void Writer::Impl::OpenFile() {
+  video = avformat_new_stream(mux, nullptr);
+  video->time_base = enc->time_base;
+  video->avg_frame_rate = rate;
+  avcodec_parameters_from_context(video->codecpar, enc.get());
+  if (audioIn) {
+    const AVStream* in = audioIn->streams[audioInIndex];
+    audioOut = avformat_new_stream(mux, nullptr);
+    avcodec_parameters_copy(audioOut->codecpar, in->codecpar);
+    audioOut->codecpar->codec_tag = 0;
+    audioOut->time_base = in->time_base;
+    audioOffset = av_rescale_q(first, enc->time_base, in->time_base) +
+                  (in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time);
+  }
+  files.push_back(output);
+  int r = avio_open(&mux->pb, output.c_str(), AVIO_FLAG_WRITE);
+  if (r < 0) throw MediaError("cannot write '" + output + "': " + AvError(r));
+  r = avformat_write_header(mux, nullptr);
+  if (r < 0) throw MediaError("cannot write '" + output + "': " + AvError(r));
+}
+
+void Writer::Impl::Fill(const Picture& p) {
+  if (av_frame_make_writable(frame.get()) < 0) throw MediaError("out of memory for a frame");
+  PictureToFrame(p, format->layout, sws ? *rgba64 : *frame);
+  if (sws) sws_scale(sws.get(), rgba64->data, rgba64->linesize, 0, p.height, frame->data, frame->linesize);
+}
+
+// Copies the source's audio packets that start before `untilIn` (its time base).
+void Writer::Impl::PumpAudio(int64_t untilIn) {
+  if (!audioIn || audioDone) return;
+  const AVStream* in = audioIn->streams[audioInIndex];
+  for (;;) {
+    if (!audioPending) {
+      const int r = av_read_frame(audioIn.get(), audioPkt.get());
+      if (r < 0) {
+        audioDone = true;  // end of the audio, or a damaged tail: keep what was copied
+        return;
+      }
+      if (audioPkt->stream_index != audioInIndex || audioPkt->pts == AV_NOPTS_VALUE) {
+        av_packet_unref(audioPkt.get());
+        continue;
+      }
+      audioPending = true;
+    }
+    const int64_t pts = audioPkt->pts - audioOffset;
+    if (untilIn != AV_NOPTS_VALUE && pts >= untilIn) return;  // keep it for later
+    audioPending = false;
+    if (pts < 0) {  // before the first written frame
+      av_packet_unref(audioPkt.get());
+      continue;
+    }
+    audioPkt->pts = pts;
+    if (audioPkt->dts != AV_NOPTS_VALUE) audioPkt->dts -= audioOffset;
+    audioPkt->stream_index = audioOut->index;
+    audioPkt->pos = -1;
+    av_packet_rescale_ts(audioPkt.get(), in->time_base, audioOut->time_base);
+    const int r = av_interleaved_write_frame(mux, audioPkt.get());
+    if (r < 0) throw MediaError("cannot write audio to '" + output + "': " + AvError(r));
+  }
+}
+
+// Audio up to the end of input frame `frameNumber`.
+void Writer::Impl::PumpAudioTo(int64_t frameNumber) {
+  if (audioIn)
+    PumpAudio(av_rescale_q(frameNumber + 1 - first, enc->time_base, audioIn->streams[audioInIndex]->time_base));
+}
+
+// A video's packet into the file, a sequence's into its own file.
+void Writer::Impl::WritePacket() {
+  if (mux) {
+    pkt->stream_index = video->index;
+    av_packet_rescale_ts(pkt.get(), enc->time_base, video->time_base);
+    const int w = av_interleaved_write_frame(mux, pkt.get());
+    if (w < 0) throw MediaError("cannot write '" + output + "': " + AvError(w));
+    return;
+  }
+  const std::string name = FrameName(output, pkt->pts + first);
+  files.push_back(name);
+  FILE* file = std::fopen(name.c_str(), "wb");
+  const bool ok = file && std::fwrite(pkt->data, 1, pkt->size, file) == static_cast<size_t>(pkt->size);
+  if (file && std::fclose(file) != 0) throw MediaError("cannot write '" + name + "'");
+  av_packet_unref(pkt.get());
+  if (!ok) throw MediaError("cannot write '" + name + "': " + std::strerror(errno));
+}
+
+void Writer::Impl::Drain() {
+  for (;;) {
+    const int r = avcodec_receive_packet(enc.get(), pkt.get());
+    if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return;
+    if (r < 0) throw MediaError("cannot encode '" + output + "': " + AvError(r));
+    WritePacket();
+  }
+}
+
+void Writer::Write(const Picture& picture, int64_t frameNumber) {
+  Impl& m = *impl_;
+  if (m.finished) throw MediaError("'" + m.output + "' is already finished");
+  if (picture.width <= 0 || picture.height <= 0 ||
+      picture.rgba.size() != static_cast<size_t>(picture.width) * picture.height * 4)
+    throw MediaError("picture for '" + m.output + "' has inconsistent size");
+  if (!m.started) {
+    m.first = frameNumber;
+    m.OpenEncoder(picture.width, picture.height);
+    m.started = true;
+  } else if (picture.width != m.enc->width || picture.height != m.enc->height) {
+    throw MediaError("frame " + std::to_string(frameNumber) + " for '" + m.output + "' changes size");
+  } else if (!m.format->sequence && frameNumber <= m.last) {
+    throw MediaError("frame " + std::to_string(frameNumber) + " for '" + m.output + "' is out of order");
+  }
+  m.Fill(picture);
+  m.frame->pts = frameNumber - m.first;
+  const int r = avcodec_send_frame(m.enc.get(), m.frame.get());
+  if (r < 0)
+    throw MediaError("cannot encode frame " + std::to_string(frameNumber) + " of '" + m.output + "': " + AvError(r));
+  m.last = frameNumber;
+  m.Drain();
+  m.PumpAudioTo(frameNumber);
+}
+
+void Writer::Finish() {
+  Impl& m = *impl_;
+  if (m.finished) return;
+  m.finished = true;
+  if (!m.started) {
+    if (!m.format->sequence) throw MediaError("no frames to write to '" + m.output + "'");
+    return;
+  }
+  avcodec_send_frame(m.enc.get(), nullptr);
+  m.Drain();
+  if (!m.mux) return;
+  m.PumpAudioTo(m.last);
+  int r = av_write_trailer(m.mux);
+  if (r < 0) throw MediaError("cannot finish '" + m.output + "': " + AvError(r));
+  r = avio_closep(&m.mux->pb);
+  if (r < 0) throw MediaError("cannot finish '" + m.output + "': " + AvError(r));
+}
+
+std::vector<std::string> Writer::Files() const { return impl_->files; }
+
+}  // namespace media

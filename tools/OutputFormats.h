@@ -1,0 +1,48 @@
+// What tremor-render can write, one row per output format. The writer, the
+// command line's checks and its --help text all read this table, so a new
+// format is one new row (plus a fill for a new pixel layout).
+#ifndef TREMOR_TOOLS_OUTPUTFORMATS_H
+#define TREMOR_TOOLS_OUTPUTFORMATS_H
+
+#include <string>
+
+namespace media {
+
+// How float RGBA reaches the encoder's frame. Integer layouts clamp to 0..1.
+enum class PixelLayout {
+  YCbCr709,     // 16-bit RGBA through swscale to BT.709 limited-range Y'CbCr, tagged so
+  PlanarU16,    // G, B, R, A planes of 16 bits
+  PackedU16BE,  // R, G, B, A, 16 bits big-endian
+  PlanarFloat,  // G, B, R, A float planes, values as they are
+};
+
+struct OutputFormat {
+  const char* extension;     // lower case, matched without regard to case
+  const char* description;   // for --help and messages: "H.264"
+  bool sequence;             // a printf pattern, one file per frame; else one video file
+  const char* muxer;         // FFmpeg's muxer of a video; nullptr for a sequence
+  const char* codec;         // FFmpeg's encoder
+  const char* pixelFormat;   // the encoder's input, as FFmpeg names it
+  PixelLayout layout;
+  const char* codecOptions;  // FFmpeg dictionary text, "key=value:key=value"
+};
+
+inline constexpr OutputFormat kOutputFormats[] = {
+    {".mp4", "H.264", false, "mp4", "libx264", "yuv420p", PixelLayout::YCbCr709, "crf=18"},
+    {".mov", "ProRes 4444", false, "mov", "prores_ks", "yuva444p10le", PixelLayout::YCbCr709, "profile=4444"},
+    {".mkv", "FFV1 16-bit RGBA", false, "matroska", "ffv1", "gbrap16le", PixelLayout::PlanarU16, "level=3:slicecrc=1"},
+    {".png", "16-bit RGBA", true, nullptr, "png", "rgba64be", PixelLayout::PackedU16BE, ""},
+    {".exr", "32-bit float RGBA", true, nullptr, "exr", "gbrapf32le", PixelLayout::PlanarFloat, "compression=zip16"},
+};
+
+// By the output's extension. Throws MediaError for an unknown extension, and
+// for a sequence extension on a name without a frame number pattern.
+const OutputFormat& OutputFormatFor(const std::string& output);
+
+// The table's video (or sequence) extensions joined by `separator`, each with
+// its description in brackets if asked: for messages and --help.
+std::string ExtensionList(bool sequence, const char* separator, bool withDescription);
+
+}  // namespace media
+
+#endif

@@ -1,0 +1,34 @@
+// The output is staged under a hidden temporary name in its own folder, so a
+// rename publishes it whole and a failure leaves nothing behind.
+#ifndef TREMOR_TOOLS_OUTPUTSTAGING_H
+#define TREMOR_TOOLS_OUTPUTSTAGING_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace render {
+
+class Staging {
+ public:
+  // Throws Failure when the sequence's temporary folder cannot be made.
+  Staging(const std::filesystem::path& output, bool sequence);
+  ~Staging() { Discard(); }
+  Staging(const Staging&) = delete;
+  Staging& operator=(const Staging&) = delete;
+
+  // Where the writer writes: the temporary video, or the pattern in the temporary folder.
+  const std::filesystem::path& WriterTarget() const { return target_; }
+  // Moves the written `files` to the output's folder.
+  void Commit(const std::vector<std::string>& files);
+  // Removes whatever was staged.
+  void Discard();
+
+ private:
+  std::filesystem::path output_, temp_, target_;
+  bool sequence_;
+};
+
+}  // namespace render
+
+#endif

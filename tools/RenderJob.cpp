@@ -1,0 +1,271 @@
+#include "RenderJob.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "MediaIO.h"
+#include "OutputStaging.h"
+#include "RenderDevice.h"
+#include "RenderProgress.h"
+
+namespace fs = std::filesystem;
+
+namespace render {
+namespace {
+
+constexpr char kModuleName[] = "TremorDistiller.so";
+
+volatile std::sig_atomic_t gSignal = 0;
+void OnSignal(int sig) { gSignal = sig; }
+
+void CheckInterrupt() {
+  if (gSignal) throw Interrupted{};
+}
+
+// TD_MODULE_PATH, then beside the executable (build tree), then the install
+// prefix's lib folder relative to the executable, then the configured prefix.
+std::string FindModule() {
+  if (const char* env = std::getenv("TD_MODULE_PATH"); env && *env) {
+    if (!fs::exists(env)) throw Failure(std::string("TD_MODULE_PATH names no file: ") + env);
+    return env;
+  }
+  std::vector<fs::path> candidates;
+  std::error_code ec;
+  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+  if (!ec) {
+    candidates.push_back(exe.parent_path() / kModuleName);
+    candidates.push_back(exe.parent_path().parent_path() / "lib" / "tremor-distiller" / kModuleName);
+  }
+#ifdef TD_INSTALL_MODULE_DIR
+  candidates.push_back(fs::path(TD_INSTALL_MODULE_DIR) / kModuleName);
+#endif
+  for (const auto& c : candidates)
+    if (fs::exists(c, ec)) return c.string();
+  throw Failure(std::string("cannot find the effect module ") + kModuleName + "; set TD_MODULE_PATH");
+}
+
+Failure SetUpFailure(PF_Err err) {
+  return Failure("the effect could not be set up (code " + std::to_string(err) + "); see the effect's log at " +
+                 LogPath());
+}
+
+// Input frames an output frame may check out, around its own index. The
+// effect asks for time - i * step * offset (i < frames) in float, cut toward
+// zero; one frame of margin each way absorbs that rounding.
+struct Window {
+  int64_t back = 0, ahead = 0;
+};
+Window NeededFrames(int frames, double offset) {
+  const double reach = std::ceil(std::fabs(offset) * (frames - 1));
+  Window w;
+  if (offset > 0) w.back = static_cast<int64_t>(reach) + 1;
+  if (offset < 0) w.ahead = static_cast<int64_t>(reach) + 1;
+  if (offset != std::trunc(offset)) ++w.back;  // a fractional offset falls between frames
+  return w;
+}
+
+PF_ParamIndex ParamIndex(aehost::AeHost& host, A_long diskId) {
+  const PF_ParamIndex index = host.FindParam(diskId);
+  if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(diskId));
+  return index;
+}
+
+double SliderValue(aehost::AeHost& host, A_long diskId) {
+  return host.ParamValue(ParamIndex(host, diskId)).u.fs_d.value;
+}
+
+// The input as the render loop consumes it: frames decoded so far, and the
+// frame size every frame must keep.
+struct Feed {
+  media::Reader& reader;
+  int64_t read = 0;
+  bool eof = false;
+  int width = 0, height = 0;
+};
+
+// Decodes input frames up to `until`, handing those from `from` on to the
+// host; frames older than any output still to come are only decoded (a chunk
+// late in a clip passes many of them).
+void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t from, int64_t until) {
+  // Host times are 32-bit: frame k sits at k * timeStep.
+  const int64_t maxFrame = INT_MAX / std::max<A_long>(1, host.Options().timeStep) - 1;
+  media::Picture picture;
+  while (!feed.eof && feed.read <= until) {
+    CheckInterrupt();
+    if (feed.read > maxFrame) throw Failure("the clip is too long for the host's time line");
+    const bool wanted = feed.read >= from;
+    if (!(wanted ? feed.reader.Next(picture) : feed.reader.Skip())) {
+      CheckInterrupt();  // a signal may have cut a read short
+      feed.eof = true;
+      return;
+    }
+    if (wanted) {
+      if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
+      if (picture.width != feed.width || picture.height != feed.height)
+        throw Failure("frame " + std::to_string(feed.read) + " is " + std::to_string(picture.width) + "x" +
+                      std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
+                      std::to_string(feed.height));
+      aehost::Image image;
+      image.width = picture.width;
+      image.height = picture.height;
+      image.rgba = std::move(picture.rgba);
+      host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), std::move(image));
+    }
+    ++feed.read;
+  }
+}
+
+// A frame the effect asked for that lies inside the clip must have been in the
+// host; otherwise the window is too small and the output would silently
+// differ from a whole render.
+void CheckWindow(aehost::AeHost& host, const aehost::RenderResult& r, int64_t k, const Feed& feed) {
+  const auto& opts = host.Options();
+  for (const auto& c : r.checkouts) {
+    if (c.hasFrame || c.timeScale == 0) continue;
+    const double t = static_cast<double>(c.whatTime) * opts.timeScale / c.timeScale;
+    const auto index = static_cast<int64_t>(std::floor(t / opts.timeStep));
+    if (index >= 0 && (index < feed.read || !feed.eof))
+      throw Failure("internal error: input frame " + std::to_string(index) + " was not loaded for output frame " +
+                    std::to_string(k));
+  }
+}
+
+// Renders output frames first..last, `jobs` at once, and writes them.
+void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, const Feed& feed,
+                  media::Writer& writer) {
+  std::vector<A_long> times;
+  for (int64_t k = first; k <= last; ++k) times.push_back(host.FrameTime(static_cast<int>(k)));
+  std::vector<aehost::RenderResult> results;
+  if (times.size() > 1)
+    results = host.RenderMany(times, jobs);
+  else
+    results.push_back(host.Render(times[0]));
+  for (size_t j = 0; j < results.size(); ++j) {
+    const int64_t k = first + static_cast<int64_t>(j);
+    auto& r = results[j];
+    if (r.result != 0)
+      throw Failure("render of frame " + std::to_string(k) + " failed with code " + std::to_string(r.result) +
+                    "; see the effect's log at " + LogPath());
+    if (!r.hasOutput || r.output.rgba.empty())
+      throw Failure("render of frame " + std::to_string(k) + " gave no picture; see the effect's log at " + LogPath());
+    CheckWindow(host, r, k, feed);
+    media::Picture out;
+    out.width = r.output.width;
+    out.height = r.output.height;
+    out.rgba = std::move(r.output.rgba);
+    writer.Write(out, k);
+  }
+}
+
+// The checks that need no input or device, in the order users meet them.
+const media::OutputFormat& CheckCommand(const Options& o) {
+  const media::OutputFormat& format = media::OutputFormatFor(o.output);
+  const fs::path output(o.output);
+  const fs::path outDir = output.parent_path().empty() ? fs::path(".") : output.parent_path();
+  if (!fs::is_directory(outDir)) throw Failure("output folder " + outDir.string() + " does not exist");
+  if (o.end >= 0 && o.end < o.start) throw Failure("--end must not be before --start");
+  CheckDeviceSyntax(o.device);
+  return format;
+}
+
+std::string PastTheEnd(int64_t start, int64_t lastFrame) {
+  return "--start " + std::to_string(start) + " is past the clip's last frame (" + std::to_string(lastFrame) + ")";
+}
+
+// Hands the device to the module and sets the user's controls; returns what
+// the summary calls the device.
+std::string SetUpEffect(aehost::AeHost& host, const Options& o) {
+  // The module's global set-up ran before any device library was loaded, as
+  // in the host tests; the other order crashed the module's logging on a GPU machine.
+  if (const PF_Err err = host.SetupDevice(ResolveDevice(o.device))) throw SetUpFailure(err);
+  if (!host.GpuReady() && !o.quiet)
+    std::fprintf(stderr, "tremor-render: the effect declined %s; rendering in software\n", host.DeviceName().c_str());
+  for (const auto& [id, value] : o.effect) host.SetParamValue(ParamIndex(host, id), value);
+  return host.GpuReady() ? host.DeviceName() : "the effect's software path";
+}
+
+}  // namespace
+
+std::string LogPath() {
+  std::error_code ec;
+  const fs::path tmp = fs::temp_directory_path(ec);
+  return ((ec ? fs::path("/tmp") : tmp) / "Harbour Lantern Lab" / "com.hll.tremordistiller.log").string();
+}
+
+std::unique_ptr<aehost::AeHost> LoadEffect() {
+  auto host = std::make_unique<aehost::AeHost>(FindModule());
+  if (const PF_Err err = host->SetUp(nullptr)) throw SetUpFailure(err);
+  return host;
+}
+
+void CatchInterrupts() {
+  struct sigaction sa {};
+  sa.sa_handler = OnSignal;
+  sa.sa_flags = SA_RESETHAND | SA_RESTART;  // SA_RESETHAND: a second Ctrl-C ends the process at once
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+int CaughtSignal() { return gSignal; }
+
+int Run(aehost::AeHost& host, const Options& o) {
+  const media::OutputFormat& format = CheckCommand(o);
+  media::Reader reader(o.input);
+  const media::InputInfo info = reader.Info();
+  if (info.frameCount >= 0 && o.start >= info.frameCount) throw Failure(PastTheEnd(o.start, info.frameCount - 1));
+  const std::string deviceName = SetUpEffect(host, o);
+
+  // Last output frame wanted; INT64_MAX runs to the end of the clip.
+  int64_t last = o.end >= 0 ? o.end : INT64_MAX;
+  if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
+  const int64_t total = last == INT64_MAX ? -1 : last - o.start + 1;
+  // "Frames" counts whole frames, as the effect reads it.
+  const Window window = NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)),
+                                     SliderValue(host, PARAM_FRAMES_OFFSET));
+  Staging staging(o.output, format.sequence);
+  auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
+                                                info.hasAudio ? o.input : std::string());
+  Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
+
+  Feed feed{reader};
+  feed.width = info.width;
+  feed.height = info.height;
+  int64_t next = o.start;
+  while (next <= last) {
+    const int64_t batchLast = std::min(last, next + o.jobs - 1);
+    FeedFrames(host, feed, next - window.back, batchLast + window.ahead);
+    if (feed.read <= next) break;  // the clip ended first
+    const int64_t upTo = std::min(batchLast, feed.read - 1);
+    RenderFrames(host, next, upTo, o.jobs, feed, *writer);
+    next = upTo + 1;
+    host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
+    progress.Update(next - o.start);
+    CheckInterrupt();
+  }
+  const int64_t done = next - o.start;
+  if (feed.read == 0) throw Failure(o.input + " has no frames");
+  if (done <= 0) throw Failure(PastTheEnd(o.start, feed.read - 1));
+
+  writer->Finish();
+  const std::vector<std::string> files = writer->Files();
+  writer.reset();
+  staging.Commit(files);
+  progress.Finish();
+  if (!o.quiet) {
+    const double s = progress.Seconds();
+    std::fprintf(stderr, "tremor-render: %lld frames in %.1f s (%.1f fps) on %s\n", static_cast<long long>(done), s,
+                 s > 0 ? done / s : 0.0, deviceName.c_str());
+  }
+  return 0;
+}
+
+}  // namespace render

@@ -1,0 +1,55 @@
+// One render of tremor-render: a clip in, through the loaded module, an output
+// out, published whole or not at all.
+#ifndef TREMOR_TOOLS_RENDERJOB_H
+#define TREMOR_TOOLS_RENDERJOB_H
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AeHost.h"
+#include "TremorDistiller_Parameters.h"  // Disk IDs only: the effect's code is not linked
+
+namespace render {
+
+// Any failure that ends the run; the message is the one line the user sees.
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+// A SIGINT or SIGTERM stopped the render.
+struct Interrupted {};
+
+struct Options {
+  std::string input, output;
+  // Effect controls the user gave: host values (popups count from 1).
+  // Controls not given keep the module's defaults.
+  std::vector<std::pair<ParamDiskId, double>> effect;
+  std::string device = "auto";
+  bool listDevices = false, version = false, quiet = false;
+  int64_t start = 0, end = -1;
+  int jobs = 1;
+};
+
+// Where the module writes its log: its folder under the temporary directory,
+// which the module finds the same way.
+std::string LogPath();
+
+// Loads the module and runs its global and parameter set-up: the controls'
+// ranges and defaults come from there.
+std::unique_ptr<aehost::AeHost> LoadEffect();
+
+// From here on SIGINT and SIGTERM stop the render at the next frame; a second
+// one ends the process at once.
+void CatchInterrupts();
+int CaughtSignal();  // 0 while none came
+
+// Renders `o.input` to `o.output`; 0 when done. Throws Failure, MediaError,
+// DeviceError or Interrupted, having removed what it wrote.
+int Run(aehost::AeHost& host, const Options& o);
+
+}  // namespace render
+
+#endif

@@ -1,0 +1,127 @@
+#include "RenderOptions.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
+#include "OutputFormats.h"
+
+namespace render {
+namespace {
+
+// The effect's controls on the command line, found by Disk ID. Ranges,
+// defaults and choices are the module's own, read from what it registers.
+struct EffectOption {
+  const char* flag;
+  ParamDiskId id;
+  const char* help;
+};
+constexpr EffectOption kEffectOptions[] = {
+    {"--frames", PARAM_FRAMES, "Frames in the stack"},
+    {"--frames-offset", PARAM_FRAMES_OFFSET, "Frames between stacked frames; fractions allowed, negative looks ahead"},
+    {"--frames-fade", PARAM_FRAMES_FADE, "Fade of older frames, percent"},
+    {"--blending-mode", PARAM_BLENDING_MODE, "How each difference joins the accumulation"},
+    {"--difference-algorithm", PARAM_DIFFERENCE_ALGORITHM, "How neighbouring frames are compared"},
+    {"--output", PARAM_OUTPUT, "What is delivered"},
+    {"--motion-amplification", PARAM_MOTION_AMPLIFICATION, "Push the accumulation along the motion"},
+    {"--chromatic-aberration", PARAM_CHROMATIC_ABERRATION, "Split the accumulation by colour"},
+    {"--normalize", PARAM_NORMALIZE, "Normalize the delivered picture"},
+};
+constexpr size_t kEffectOptionCount = std::size(kEffectOptions);
+
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
+}
+
+// CLI11's own range message prints doubles with six decimals.
+CLI::Validator InRange(double lo, double hi) {
+  const std::string range = Number(lo) + ".." + Number(hi);
+  return CLI::Validator(
+      [lo, hi, range](std::string& text) -> std::string {
+        double v = 0;
+        if (!CLI::detail::lexical_cast(text, v)) return "value " + text + " is not a number";
+        if (!(v >= lo && v <= hi)) return "value " + text + " is outside " + range;
+        return {};
+      },
+      range);
+}
+
+// A popup's choices as the command line spells them: "Add|Screen" gives add, screen.
+std::vector<std::string> ChoiceWords(const char* names) {
+  std::vector<std::string> words;
+  std::string word;
+  for (const char* c = names ? names : "";; ++c) {
+    if (*c == '|' || *c == '\0') {
+      words.push_back(CLI::detail::to_lower(word));
+      word.clear();
+      if (*c == '\0') break;
+    } else {
+      word += *c;
+    }
+  }
+  return words;
+}
+
+}  // namespace
+
+void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInput>& in) {
+  in.assign(kEffectOptionCount, EffectInput{});  // CLI11 keeps pointers into it from here on
+  auto* group = app.add_option_group("Effect");
+  for (size_t i = 0; i < kEffectOptionCount; ++i) {
+    const EffectOption& row = kEffectOptions[i];
+    const PF_ParamIndex index = host.FindParam(row.id);
+    if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(row.id));
+    const PF_ParamDef def = host.Params()[index - 1].def;
+    EffectInput& e = in[i];
+    if (def.param_type == PF_Param_CHECKBOX) {
+      e.option = group->add_flag(row.flag, e.flag, row.help);
+    } else if (def.param_type == PF_Param_POPUP) {
+      e.words = ChoiceWords(def.u.pd.u.namesptr);
+      e.option = group->add_option(row.flag, e.choice, row.help);
+      e.option->check(CLI::IsMember(e.words, CLI::ignore_case));
+      const int first = def.u.pd.dephault - 1;
+      if (first >= 0 && first < static_cast<int>(e.words.size())) e.option->default_str(e.words[first]);
+    } else {
+      e.option = group->add_option(row.flag, e.number, row.help);
+      e.option->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max));
+      e.option->default_str(Number(def.u.fs_d.dephault));
+    }
+  }
+}
+
+void AddRunOptions(CLI::App& app, Options& o) {
+  app.add_option("INPUT", o.input, "Video file, or an image sequence pattern such as shots/a.%04d.png");
+  const std::string outputs = "Output, by extension: " + media::ExtensionList(false, ", ", true) +
+                              ", or a pattern ending in " + media::ExtensionList(true, " or ", true);
+  app.add_option("-o", o.output, outputs)->type_name("OUTPUT");
+
+  auto* run = app.add_option_group("Run");
+  run->add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")->capture_default_str();
+  run->add_flag("--list-devices", o.listDevices, "List devices and exit");
+  run->add_option("--start", o.start, "First output frame (0-based)")->check(CLI::NonNegativeNumber);
+  run->add_option("--end", o.end, "Last output frame, inclusive")->check(CLI::NonNegativeNumber);
+  run->add_option("--jobs", o.jobs, "Frames rendered at once")->check(CLI::Range(1, 64))->capture_default_str();
+  run->add_flag("-q,--quiet", o.quiet, "No progress or summary");
+  run->add_flag("--version", o.version, "Print the version and exit");
+}
+
+std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const std::vector<EffectInput>& in) {
+  std::vector<std::pair<ParamDiskId, double>> values;
+  for (size_t i = 0; i < in.size(); ++i) {
+    const EffectInput& e = in[i];
+    if (!e.option || e.option->count() == 0) continue;
+    double value = e.number;
+    if (!e.words.empty()) {
+      value = static_cast<double>(std::find(e.words.begin(), e.words.end(), CLI::detail::to_lower(e.choice)) -
+                                  e.words.begin()) + 1;
+    } else if (e.option->get_expected_max() == 0) {
+      value = e.flag ? 1.0 : 0.0;
+    }
+    values.emplace_back(kEffectOptions[i].id, value);
+  }
+  return values;
+}
+
+}  // namespace render
