@@ -189,16 +189,6 @@ TEST_F(EffectFront, RegistrationFailures) {
   EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_PARAMS_SETUP. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 1u) << Log();
 }
 
-TEST_F(EffectFront, PluginDataEntryNamesTheEffectInOneCall) {
-  const aehost::PluginData& d = NewHost().PluginDataRecord();
-  EXPECT_EQ(d.calls, 1);
-  EXPECT_EQ(d.name + "|" + d.matchName + "|" + d.category + "|" + d.entryPoint,
-            "Tremor Distiller|HLTRDI|Harbour Lantern Lab|EffectMain");
-  EXPECT_EQ((std::vector<A_long>{d.kind, d.apiMajor, d.apiMinor, d.reserved}),
-            (std::vector<A_long>{0x65464B54, 13, 28, 8}));
-  EXPECT_EQ(host_->NvOptimusEnablementCuda(), 1);
-}
-
 TEST(ModuleResources, FoundOnlyInTheModuleThatHoldsThem) {
   HMODULE module = nullptr;
   ASSERT_TRUE(GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(kAboutImagePng),

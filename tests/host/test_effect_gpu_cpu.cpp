@@ -82,15 +82,6 @@ TEST(SoftwarePath, InputSmallerThanOutputIsReadOnlyWithinItsBounds) {
     }
 }
 
-TEST(SoftwarePath, RowBandsCoverEveryRowOnce) {
-  for (A_long rows : {0, 1, 2, 5, 97})
-    for (unsigned threads : {0u, 1u, 2u, 3u, 8u, 200u}) {
-      std::vector<int> seen(static_cast<size_t>(rows), 0);
-      ForEachRowInParallel(rows, threads, [&](A_long r) { ++seen[r]; });
-      EXPECT_EQ(seen, std::vector<int>(static_cast<size_t>(rows), 1)) << rows << " rows, " << threads << " threads";
-    }
-}
-
 // ---- Through the host ----
 
 class EffectHosted : public ModuleHostTest {

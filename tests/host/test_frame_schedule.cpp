@@ -39,14 +39,6 @@ TEST(FrameSchedule, StackLengthIsCutAndKeptWithinTheOrigins) {
     EXPECT_EQ(StackLength(frames), length) << frames;
 }
 
-TEST(FrameSchedule, UnionOfRectangles) {
-  PF_LRect dst{0, 0, 0, 0};
-  UnionLRect(PF_LRect{12, 8, 100, 50}, dst);  // empty destination takes the source
-  UnionLRect(PF_LRect{0, 20, 40, 80}, dst);
-  UnionLRect(PF_LRect{5, 5, 5, 90}, dst);  // empty source: nothing changes
-  EXPECT_EQ((std::vector<A_long>{dst.left, dst.top, dst.right, dst.bottom}), (std::vector<A_long>{0, 8, 100, 80}));
-}
-
 TEST(FrameSchedule, MissingFramesTakeTheirNewerNeighbour) {
   PF_EffectWorld worlds[10];
   // The fourth frame of a clip: frames 0..3 exist, 4..9 do not.
