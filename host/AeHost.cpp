@@ -135,20 +135,24 @@ PF_Err AeHost::SetdownDevice() {
     PF_GPUDeviceSetdownExtra extra{&input};
     err = SendCommand(PF_Cmd_GPU_DEVICE_SETDOWN, &extra);
   }
-  {
-    std::lock_guard<std::mutex> lock(h.cacheMutex);
-    h.gpuCache.clear();
-  }
-  decltype(h.effectWorlds) left;
-  {
-    std::lock_guard<std::mutex> lock(h.worldsMutex);
-    left.swap(h.effectWorlds);
-  }
-  left.clear();
-  CloseDevice(h.device);
+  h.ReleaseDevice();
   h.deviceSetupSent = h.gpuReady = false;
   h.gpuData = nullptr;
   return err;
+}
+
+void Impl::ReleaseDevice() {
+  {
+    std::lock_guard<std::mutex> lock(cacheMutex);
+    gpuCache.clear();
+  }
+  decltype(effectWorlds) left;  // freed outside the lock: a world's release takes it
+  {
+    std::lock_guard<std::mutex> lock(worldsMutex);
+    left.swap(effectWorlds);
+  }
+  left.clear();
+  CloseDevice(device);
 }
 
 PF_Err AeHost::GlobalSetdown() {

@@ -183,6 +183,8 @@ struct AeHost::Impl {
   Image DownloadImage(const WorldRecord& world);
   const WorldRecord* FindWorld(const PF_EffectWorld* world) const;
   void SelectDeviceOnThisThread();
+  // Device memory of every kind back to the device, then the device closed.
+  void ReleaseDevice();
 
   // ---- AeHostFrameCache.cpp ----
   std::shared_ptr<WorldRecord> CachedWorld(bool gpu, A_long key, const std::shared_ptr<const Image>& frame,

@@ -117,16 +117,9 @@ AeHost::~AeHost() {
   SetDown();
   {
     std::lock_guard<std::mutex> lock(h.cacheMutex);
-    h.gpuCache.clear();
     h.softCache.clear();
   }
-  decltype(h.effectWorlds) left;
-  {
-    std::lock_guard<std::mutex> lock(h.worldsMutex);
-    left.swap(h.effectWorlds);
-  }
-  left.clear();
-  CloseDevice(h.device);
+  h.ReleaseDevice();
   h.FreeAllHandles();
   UnregisterHost(&h);
   if (h.options.unloadOnDestroy && h.dl) dlclose(h.dl);
