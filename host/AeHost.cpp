@@ -179,7 +179,6 @@ void AeHost::SetDown() {
 }
 
 bool AeHost::GpuReady() const { return impl_->gpuReady; }
-std::string AeHost::DeviceKindName() const { return impl_->device.kind ? impl_->device.kind->name : ""; }
 std::string AeHost::DeviceName() const { return impl_->device.name; }
 void* AeHost::GpuData() const { return impl_->gpuData; }
 PF_Handle AeHost::GlobalData() const { return impl_->globalData; }
@@ -211,14 +210,6 @@ void AeHost::SetParamValue(PF_ParamIndex index, double value) {
     case PF_Param_ANGLE: v.u.ad.value = static_cast<A_long>(value * 65536.0); break;
     default: throw HostError(Args("parameter ", index, " of type ", v.param_type, " takes no plain value"));
   }
-}
-
-void AeHost::SetParamDef(PF_ParamIndex index, const PF_ParamDef& value) {
-  std::lock_guard<std::mutex> lock(impl_->paramsMutex);
-  auto& params = impl_->params;
-  if (index < 1 || index > static_cast<PF_ParamIndex>(params.size()))
-    throw HostError(Args("no parameter at index ", index));
-  params[index - 1].value = value;
 }
 
 PF_ParamDef AeHost::ParamValue(PF_ParamIndex index) const {
@@ -278,14 +269,6 @@ void AeHost::AddFrame(A_long time, Image frame) {
 
 A_long AeHost::FrameTime(int k) const { return k * impl_->options.timeStep; }
 
-void AeHost::RemoveFrame(A_long time) {
-  {
-    std::lock_guard<std::mutex> lock(impl_->framesMutex);
-    impl_->frames.erase(time);
-  }
-  impl_->DropCached(time);
-}
-
 void AeHost::RemoveFramesBefore(A_long time) {
   std::vector<A_long> gone;
   {
@@ -308,7 +291,5 @@ size_t AeHost::FrameCount() const {
   std::lock_guard<std::mutex> lock(impl_->framesMutex);
   return impl_->frames.size();
 }
-
-std::optional<A_long> AeHost::FrameAt(A_long time) const { return impl_->FrameKeyAt(time); }
 
 }  // namespace aehost

@@ -201,7 +201,6 @@ class AeHost {
   PF_Err SendCommand(PF_Cmd cmd, void* extra = nullptr, A_long time = 0);
 
   bool GpuReady() const;  // command 32 succeeded
-  std::string DeviceKindName() const;  // "opencl", "cuda"; empty without a device
   std::string DeviceName() const;
   void* GpuData() const;  // what the effect left in gpu_data
   PF_Handle GlobalData() const;
@@ -212,7 +211,6 @@ class AeHost {
   // Sets the current value by type: float slider value, popup choice (from 1),
   // checkbox (non-zero), angle in degrees. Throws HostError for other types.
   void SetParamValue(PF_ParamIndex index, double value);
-  void SetParamDef(PF_ParamIndex index, const PF_ParamDef& value);  // the whole current value
   PF_ParamDef ParamValue(PF_ParamIndex index) const;
   std::optional<PF_CustomUIInfo> CustomUI() const;  // from register_ui
   std::vector<PF_PixelFormat> SupportedPixelFormats() const;
@@ -222,11 +220,9 @@ class AeHost {
   // whichever comes first; a time no frame covers is outside the clip.
   void AddFrame(A_long time, Image frame);  // replaces a frame at that time
   A_long FrameTime(int k) const;            // k * timeStep
-  void RemoveFrame(A_long time);
   void RemoveFramesBefore(A_long time);
   void ClearFrames();
   size_t FrameCount() const;
-  std::optional<A_long> FrameAt(A_long time) const;  // the time of the frame covering `time`
 
   // ---- Rendering; safe from several threads at once ----
   RenderResult Render(A_long time, RenderPath path = RenderPath::Auto);
@@ -236,7 +232,6 @@ class AeHost {
   // ---- Upload cache and live host resources ----
   size_t UploadCount() const;
   void ResetUploadCount();
-  size_t CachedFrameCount() const;
   void ClearFrameCache();
   size_t LiveHandleCount() const;
   size_t LiveGpuWorldCount() const;  // every GPU world, the cache's included
@@ -246,12 +241,10 @@ class AeHost {
   void ClearCallLog();
   std::vector<CommandRecord> Commands() const;
   std::optional<CommandRecord> LastCommand(PF_Cmd cmd) const;
-  void ClearCommands();
 
   // ---- Failure injection ----
   // AcquireSuite of that name fails, for any version.
   void RemoveSuite(const std::string& name);
-  void RestoreSuite(const std::string& name);
   // The operation returns `code` without doing anything; nth 0 on every call,
   // else only on its nth call counted from now. For host_new_handle and
   // host_lock_handle a failure gives null.

@@ -147,19 +147,9 @@ std::optional<CommandRecord> AeHost::LastCommand(PF_Cmd cmd) const {
   return std::nullopt;
 }
 
-void AeHost::ClearCommands() {
-  std::lock_guard<std::mutex> lock(impl_->logMutex);
-  impl_->commands.clear();
-}
-
 void AeHost::RemoveSuite(const std::string& name) {
   std::lock_guard<std::mutex> lock(impl_->injectMutex);
   impl_->missingSuites.insert(name);
-}
-
-void AeHost::RestoreSuite(const std::string& name) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->missingSuites.erase(name);
 }
 
 void AeHost::FailOperation(const std::string& op, PF_Err code, int nth) {

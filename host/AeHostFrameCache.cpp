@@ -59,11 +59,6 @@ void Impl::DropCached(A_long key) {
 size_t AeHost::UploadCount() const { return impl_->uploads; }
 void AeHost::ResetUploadCount() { impl_->uploads = 0; }
 
-size_t AeHost::CachedFrameCount() const {
-  std::lock_guard<std::mutex> lock(impl_->cacheMutex);
-  return impl_->gpuCache.size();
-}
-
 void AeHost::ClearFrameCache() {
   std::lock_guard<std::mutex> lock(impl_->cacheMutex);
   impl_->gpuCache.clear();

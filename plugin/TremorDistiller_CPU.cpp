@@ -113,17 +113,6 @@ int PixelSizeOfDepth(int depth) {
   }
 }
 
-void HalfValuePixel(int depth, const void* in, void* out) {
-  const auto* src = static_cast<const unsigned char*>(in);
-  auto* dst = static_cast<unsigned char*>(out);
-  switch (depth) {
-    case 8: HalfValuePixelOf<uint8_t>(src, dst); break;
-    case 16: HalfValuePixelOf<uint16_t>(src, dst); break;
-    case 32: HalfValuePixelOf<float>(src, dst); break;
-    default: break;
-  }
-}
-
 void HalfValueRow(int depth, const PF_EffectWorld& input, const PF_EffectWorld& output, A_long row) {
   const int size = PixelSizeOfDepth(depth);
   if (size == 0 || row < 0 || row >= output.height) return;

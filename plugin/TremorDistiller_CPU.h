@@ -13,10 +13,6 @@ int PixelFormatDepth(PF_PixelFormat format, bool premiere);
 // Bytes per pixel of a depth the copy handles (8, 16, 32); 0 for any other.
 int PixelSizeOfDepth(int depth);
 
-// One pixel of four components: the first copied, the other three halved.
-// `in` and `out` point at PixelSizeOfDepth(depth) bytes each.
-void HalfValuePixel(int depth, const void* in, void* out);
-
 // Output row `row`, read from the same row of the input. Pixels the input does
 // not cover are written transparent black.
 void HalfValueRow(int depth, const PF_EffectWorld& input, const PF_EffectWorld& output, A_long row);

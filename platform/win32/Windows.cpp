@@ -220,10 +220,4 @@ void RegisterModuleResource(int type, int name, const void* data, std::size_t si
     Resources().push_back(ModuleResource{module, type, name, data, size});
 }
 
-void UnregisterModuleResource(int type, int name)
-{
-    std::lock_guard<std::mutex> lock(ResourcesMutex());
-    Resources().remove_if([&](const ModuleResource& entry) { return entry.type == type && entry.name == name; });
-}
-
 #endif

@@ -127,7 +127,5 @@ LPVOID LockResource(HGLOBAL hResData);                  // the resource's first 
 // for the life of the process, as compiled-in arrays do). A second registration
 // of the same module, type and name replaces the first.
 void RegisterModuleResource(int type, int name, const void* data, std::size_t size);
-// Takes a resource away from every module, so tests can see a module without it.
-void UnregisterModuleResource(int type, int name);
 
 #endif
