@@ -169,7 +169,9 @@ TEST_F(TremorRender, InformationRunsSucceed) {
   const struct {
     const char* args;
     const char* says;
-  } cases[] = {{"--version", "tremor-render "}, {"--list-devices", "opencl:0.0"}, {"--help", "--frames-offset"}};
+  } cases[] = {{"--version", "tremor-render "},
+               {"--list-devices", "opencl:0.0"},  // PoCL at least
+               {"--help", "--blending-mode TEXT:{add,screen}=add"}};  // the module's choices and default
   for (const auto& c : cases) {
     const Result r = RunCli(dir, c.args);
     EXPECT_EQ(r.code, 0) << c.args << ": " << r.err;
