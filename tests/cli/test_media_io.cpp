@@ -17,11 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 using media::Picture;
 
-const bool kQuiet = (media::QuietLibraries(), true);
-
 // A fresh folder per test under the build tree.
 fs::path TempDir() {
-  (void)kQuiet;
+  media::QuietLibraries();
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
   std::string name = std::string(info->test_suite_name()) + "_" + info->name();
   for (char& c : name)

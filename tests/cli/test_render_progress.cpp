@@ -12,7 +12,7 @@ TEST(ProgressLine, BarCountsRateAndTimeLeft) {
   // 25 of 100 frames in 5 s: 5 fps, 75 frames to go take 15 s.
   EXPECT_EQ(render::Progress::Line(25, 100, 5.0, 8), "[##......] 25/100 frames, 5.0 fps, 0:15 left");
   // Minutes and zero-padded seconds.
-  EXPECT_EQ(render::Progress::Line(10, 1000, 10.0, 0), "10/1000 frames, 1.0 fps, 16:30 left");
+  EXPECT_EQ(render::Progress::Line(10, 555, 10.0, 0), "10/555 frames, 1.0 fps, 9:05 left");
   // Done: a full bar and no time left.
   EXPECT_EQ(render::Progress::Line(100, 100, 4.0, 4), "[####] 100/100 frames, 25.0 fps");
   // Unknown total: no bar, no estimate.
