@@ -93,8 +93,8 @@ ParamTableRows BuildTable() {
       Checkbox(PARAM_MOTION_AMPLIFICATION, "Motion Amplification", false),
       Checkbox(PARAM_CHROMATIC_ABERRATION, "Chromatic Aberration", false),
       Checkbox(PARAM_NORMALIZE, "Normalize", false),
-      Popup(PARAM_OUTPUT, "Output", POPUP_CHOICES({"Motion", FROM_MOTION}, {"Source", FROM_SOURCE}, {"Luma", FROM_LUMA}),
-            1),
+      Popup(PARAM_OUTPUT, "Output",
+            POPUP_CHOICES({"Motion", FROM_MOTION}, {"Source", FROM_SOURCE}, {"Luma", FROM_LUMA}), 1),
   };
 }
 

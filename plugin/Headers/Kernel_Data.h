@@ -49,7 +49,8 @@ typedef struct KernelData {
 
 #if defined(__cplusplus) && !defined(GF_DEVICE_TARGET_OPENCL)
 #include <cstddef>
-static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1, "KernelData needs 32-bit int/float and 1-byte bool");
+static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1,
+              "KernelData needs 32-bit int/float and 1-byte bool");
 static_assert(sizeof(BlendMode) == 4 && sizeof(DiffBlendMode) == 4 && sizeof(ColorFrom) == 4, "enums are 32-bit");
 static_assert(offsetof(KernelData, originV) == 200, "KernelData layout");
 static_assert(offsetof(KernelData, numFrames) == 400, "KernelData layout");
