@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Kernel_Data.h"
 #include "LogsController.h"
 #include "TremorDistiller.h"
 
@@ -26,9 +27,39 @@ ParamRecord Slider(int32_t id, const char* name, float dflt, float min, float ma
   return r;
 }
 
-ParamRecord Popup(int32_t id, const char* name, const char* choices, int32_t dflt) {
+// A popup's choice, with the kernel enum value it selects.
+struct PopupChoice {
+  const char* name;
+  int32_t value;
+};
+
+// Renders cast the 1-based choice number straight to the kernel enum (PopupFromAE,
+// PopupFromPremiere), so choice i must be the enum value i.
+template <size_t N>
+constexpr bool ChoicesMatchTheirEnums(const PopupChoice (&choices)[N]) {
+  for (size_t i = 0; i < N; ++i)
+    if (choices[i].value != static_cast<int32_t>(i + 1)) return false;
+  return true;
+}
+
+template <size_t N>
+std::string JoinChoices(const PopupChoice (&choices)[N]) {
+  std::string joined;
+  for (size_t i = 0; i < N; ++i) joined += (i ? "|" : "") + std::string(choices[i].name);
+  return joined;
+}
+
+// A row's choices as the host's "A|B|C", checked at compile time against their enums.
+#define POPUP_CHOICES(...)                                                                                  \
+  [] {                                                                                                      \
+    constexpr PopupChoice kChoices[] = {__VA_ARGS__};                                                       \
+    static_assert(ChoicesMatchTheirEnums(kChoices), "a popup's choice number differs from its enum value"); \
+    return JoinChoices(kChoices);                                                                           \
+  }()
+
+ParamRecord Popup(int32_t id, const char* name, const std::string& choices, int32_t dflt) {
   ParamRecord r{id, ParamKind::Popup, name};
-  r.value = ParamVariant(std::string(choices));  // a bare char* would pick the bool alternative
+  r.value = ParamVariant(choices);
   r.defaultValue = dflt;
   return r;
 }
@@ -55,15 +86,19 @@ ParamTableRows BuildTable() {
       Slider(PARAM_FRAMES, "Frames", 10.0f, 3.0f, 50.0f, 0, 0),
       Slider(PARAM_FRAMES_OFFSET, "Frames offset", 1.0f, -100.0f, 100.0f, 0, 0),
       Slider(PARAM_FRAMES_FADE, "Frames Fade", 80.0f, 0.0f, 100.0f, 2, PF_ValueDisplayFlag_PERCENT),
-      Popup(PARAM_BLENDING_MODE, "Blending mode", "Add|Screen", 1),
-      Popup(PARAM_DIFFERENCE_ALGORITHM, "Difference algorithm", "Difference|Subtract", 1),
+      Popup(PARAM_BLENDING_MODE, "Blending mode", POPUP_CHOICES({"Add", BLEND_ADD}, {"Screen", BLEND_SCREEN}), 1),
+      Popup(PARAM_DIFFERENCE_ALGORITHM, "Difference algorithm",
+            POPUP_CHOICES({"Difference", DIFF_DIFF}, {"Subtract", DIFF_SUBT}), 1),
       // Disk IDs out of table order: the ids were given before the rows moved.
       Checkbox(PARAM_MOTION_AMPLIFICATION, "Motion Amplification", false),
       Checkbox(PARAM_CHROMATIC_ABERRATION, "Chromatic Aberration", false),
       Checkbox(PARAM_NORMALIZE, "Normalize", false),
-      Popup(PARAM_OUTPUT, "Output", "Motion|Source|Luma", 1),
+      Popup(PARAM_OUTPUT, "Output",
+            POPUP_CHOICES({"Motion", FROM_MOTION}, {"Source", FROM_SOURCE}, {"Luma", FROM_LUMA}), 1),
   };
 }
+
+#undef POPUP_CHOICES
 
 // Built while the module loads, before any command; render threads then
 // only read it.

@@ -6,30 +6,29 @@
 
 #define KERNEL_DATA_MAX_FRAMES 50
 
+/* The kernel enums, each list written once. OpenCL C has no enum with a fixed
+ * underlying type, so there an enum is a plain int type beside anonymous
+ * constants of the same values; gf_bool comes from the kernel vocabulary
+ * (bool has no fixed size there). */
 #if defined(GF_DEVICE_TARGET_OPENCL)
-/* OpenCL C: enums as plain ints of the same values; gf_bool comes from the
- * kernel vocabulary (bool has no fixed size there). */
-typedef int BlendMode;
-typedef int DiffBlendMode;
-typedef int ColorFrom;
-enum {
-  BLEND_NONE = 0, BLEND_ADD = 1, BLEND_SCREEN = 2, BLEND_LIGHTEN = 3, BLEND_COLOR_DODGE = 4,
-  BLEND_LIGHTER_COLOR = 5, BLEND_OVERLAY = 6, BLEND_SOFT_LIGHT = 7, BLEND_LINEAR_LIGHT = 8,
-  BLEND_PIN_LIGHT = 9, BLEND_HARD_MIX = 10
-};
-enum { DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2 };
-enum { FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3 };
+#define KERNEL_ENUM(Name) \
+  typedef int Name;       \
+  enum
 #else
 #include <stdint.h>
 typedef bool gf_bool;
-enum BlendMode : int32_t {
+#define KERNEL_ENUM(Name) enum Name : int32_t
+#endif
+
+KERNEL_ENUM(BlendMode) {
   BLEND_NONE = 0, BLEND_ADD = 1, BLEND_SCREEN = 2, BLEND_LIGHTEN = 3, BLEND_COLOR_DODGE = 4,
   BLEND_LIGHTER_COLOR = 5, BLEND_OVERLAY = 6, BLEND_SOFT_LIGHT = 7, BLEND_LINEAR_LIGHT = 8,
   BLEND_PIN_LIGHT = 9, BLEND_HARD_MIX = 10
 };
-enum DiffBlendMode : int32_t { DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2 };
-enum ColorFrom : int32_t { FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3 };
-#endif
+KERNEL_ENUM(DiffBlendMode) { DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2 };
+KERNEL_ENUM(ColorFrom) { FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3 };
+
+#undef KERNEL_ENUM
 
 typedef struct KernelData {
   int originH[KERNEL_DATA_MAX_FRAMES];
@@ -50,7 +49,8 @@ typedef struct KernelData {
 
 #if defined(__cplusplus) && !defined(GF_DEVICE_TARGET_OPENCL)
 #include <cstddef>
-static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1, "KernelData needs 32-bit int/float and 1-byte bool");
+static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1,
+              "KernelData needs 32-bit int/float and 1-byte bool");
 static_assert(sizeof(BlendMode) == 4 && sizeof(DiffBlendMode) == 4 && sizeof(ColorFrom) == 4, "enums are 32-bit");
 static_assert(offsetof(KernelData, originV) == 200, "KernelData layout");
 static_assert(offsetof(KernelData, numFrames) == 400, "KernelData layout");

@@ -1,5 +1,4 @@
-// The parameter table, lookups, host-to-working-value rules, and the bytes of
-// the plug-in property list.
+// The parameter table, its lookup, and the bytes of the plug-in property list.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -13,100 +12,46 @@
 
 namespace {
 
-TEST(ParamTable, ElevenRowsWithUniqueIdsInHostOrder) {
+TEST(ParamTable, UniqueIdsInHostOrderAndDefaultsInRange) {
   const ParamTableRows& table = ParamTable();
-  ASSERT_EQ(table.size(), 11u);
-  std::set<int32_t> ids;
-  for (const ParamRecord& row : table) EXPECT_TRUE(ids.insert(row.diskId).second) << "duplicate id " << row.diskId;
+  // Projects store values by Disk ID and the row order is the host's index: neither may move.
+  std::vector<int32_t> ids;
+  for (const ParamRecord& row : table) ids.push_back(row.diskId);
+  EXPECT_EQ(ids, (std::vector<int32_t>{0, 1, 5, 6, 12, 19, 20, 22, 21, 24, 23}));
+  EXPECT_EQ(std::set<int32_t>(ids.begin(), ids.end()).size(), ids.size());
 
-  // Projects store values by these ids; the order is the host's index.
-  const std::vector<int32_t> expected = {0, 1, 5, 6, 12, 19, 20, 22, 21, 24, 23};
-  for (size_t i = 0; i < table.size(); ++i) EXPECT_EQ(table[i].diskId, expected[i]) << "row " << i;
-  EXPECT_EQ(table[0].kind, ParamKind::InputLayer);
-  EXPECT_EQ(table[1].kind, ParamKind::CustomUI);
-  EXPECT_EQ(&ParamTable(), &table);  // one table, not rebuilt per call
-}
-
-TEST(ParamTable, DefaultsSuitTheirKindAndLieInRange) {
-  for (const ParamRecord& row : ParamTable()) {
+  for (const ParamRecord& row : table) {
     SCOPED_TRACE(row.name);
     EXPECT_LE(row.name.size(), 31u);  // the host keeps 31 characters
-    switch (row.kind) {
-      case ParamKind::FloatSlider: {
-        const float v = std::get<float>(row.defaultValue);
-        EXPECT_LE(*row.min, v);
-        EXPECT_LE(v, *row.max);
-        EXPECT_FALSE(row.value.has_value());
-        break;
-      }
-      case ParamKind::Popup: {
-        const int v = std::get<int32_t>(row.defaultValue);
-        const A_short count = CountPopupChoices(std::get<std::string>(*row.value));
-        EXPECT_GE(v, 1);  // After Effects counts from 1
-        EXPECT_LE(v, count);
-        break;
-      }
-      case ParamKind::Checkbox:
-        EXPECT_TRUE(std::holds_alternative<bool>(row.defaultValue));
-        EXPECT_FALSE(row.value.has_value());
-        break;
-      default:
-        break;
-    }
     EXPECT_EQ(row.flags.value_or(0), 0);  // no row asks to hear of changes
+    if (row.kind == ParamKind::FloatSlider) {
+      EXPECT_LE(*row.min, std::get<float>(row.defaultValue));
+      EXPECT_LE(std::get<float>(row.defaultValue), *row.max);
+    } else if (row.kind == ParamKind::Popup) {  // After Effects counts from 1
+      EXPECT_GE(std::get<int32_t>(row.defaultValue), 1);
+      EXPECT_LE(std::get<int32_t>(row.defaultValue), CountPopupChoices(std::get<std::string>(*row.value)));
+    } else if (row.kind == ParamKind::Checkbox) {
+      EXPECT_TRUE(std::holds_alternative<bool>(row.defaultValue));
+    }
   }
   // A stack holds at least two frame pairs and never outgrows KernelData's origins.
-  const ParamRecord& frames = ParamTable()[FindParamIndex(PARAM_FRAMES, ParamTable())];
+  const ParamRecord& frames = table[FindParamIndex(PARAM_FRAMES, table)];
   EXPECT_GE(*frames.min, 3.0f);
   EXPECT_LE(*frames.max, static_cast<float>(KERNEL_DATA_MAX_FRAMES));
 }
 
-TEST(ParamTable, ChoiceCountsAreBarSeparatedWords) {
-  const ParamTableRows& t = ParamTable();
-  std::vector<A_short> counts;
-  for (const ParamRecord& row : t)
-    if (row.kind == ParamKind::Popup) counts.push_back(CountPopupChoices(std::get<std::string>(*row.value)));
-  EXPECT_EQ(counts, (std::vector<A_short>{2, 2, 3}));
-  EXPECT_EQ(CountPopupChoices("Only"), 1);
-  EXPECT_EQ(CountPopupChoices(""), 0);
-}
-
-TEST(FindParamIndex, FindsRowsAndRefusesUnknownIds) {
-  const ParamTableRows& t = ParamTable();
-  EXPECT_EQ(FindParamIndex(23, t), 10);
-  EXPECT_EQ(FindParamIndex(PARAM_INPUT, t), 0);
-  EXPECT_EQ(FindParamIndex(PARAM_MOTION_AMPLIFICATION, t), 7);
+TEST(FindParamIndex, FirstMatchWinsAndUnknownIdsThrow) {
+  const ParamTableRows twice = {ParamRecord{7, ParamKind::Checkbox}, ParamRecord{9, ParamKind::Popup},
+                                ParamRecord{9, ParamKind::Checkbox}};
+  EXPECT_EQ(FindParamIndex(9, twice), 1);
   for (int32_t missing : {2, 25, -1}) {
     try {
-      FindParamIndex(missing, t);
+      FindParamIndex(missing, ParamTable());
       ADD_FAILURE() << missing << " found";
     } catch (const std::runtime_error& e) {
       EXPECT_STREQ(e.what(), "Parameter with given Disk ID not found");
     }
   }
-  const ParamTableRows twice = {ParamRecord{7, ParamKind::Checkbox}, ParamRecord{7, ParamKind::Popup}};
-  EXPECT_EQ(FindParamIndex(7, twice), 0);  // the first match wins
-}
-
-TEST(WorkingValues, BothHostsLandOnTheSameKernelValues) {
-  // Premiere counts popups from 0, After Effects from 1.
-  EXPECT_EQ(static_cast<BlendMode>(PopupFromPremiere(0)), BLEND_ADD);
-  EXPECT_EQ(static_cast<DiffBlendMode>(PopupFromPremiere(1)), DIFF_SUBT);
-  EXPECT_EQ(static_cast<ColorFrom>(PopupFromPremiere(2)), FROM_LUMA);
-  EXPECT_EQ(static_cast<BlendMode>(PopupFromAE(1)), BLEND_ADD);
-  EXPECT_EQ(static_cast<ColorFrom>(PopupFromAE(3)), FROM_LUMA);
-
-  EXPECT_EQ(PercentEaseFromFade(80.0), 4.0f);
-  EXPECT_EQ(PercentEaseFromFade(100.0), 5.0f);
-  EXPECT_EQ(PercentEaseFromFade(0.0), 0.0f);
-  EXPECT_EQ(PercentEaseFromFade(33.0), static_cast<float>(33.0 / 20.0));
-
-  EXPECT_EQ(WholeFrames(10.9), 10);
-  EXPECT_EQ(WholeFrames(-2.7), -2);  // toward zero, not down
-
-  EXPECT_FALSE(CheckboxOn(0));
-  EXPECT_TRUE(CheckboxOn(1));
-  EXPECT_TRUE(CheckboxOn(255));
 }
 
 TEST(PiPL, ExactBytes) {
