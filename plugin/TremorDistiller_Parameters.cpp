@@ -33,8 +33,8 @@ struct PopupChoice {
   int32_t value;
 };
 
-// Renders cast the 1-based choice number straight to the kernel enum (PopupFromAE,
-// PopupFromPremiere), so choice i must be the enum value i.
+// Renders cast the 1-based choice number straight to the kernel enum
+// (PopupFromAE), so choice i must be the enum value i.
 template <size_t N>
 constexpr bool ChoicesMatchTheirEnums(const PopupChoice (&choices)[N]) {
   for (size_t i = 0; i < N; ++i)
@@ -238,10 +238,7 @@ PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data, const ParamTableRow
         CopyName(def, param.name);
         break;
       default: {
-        std::ostringstream s;
-        s << LOG_ERROR_LINE << "Unimplemented parameter: " << static_cast<int32_t>(param.kind)
-          << ", name: " << param.name << ", id: " << param.diskId;
-        Log(std::move(s));
+        LOG_ERROR("Unimplemented parameter: ", static_cast<int32_t>(param.kind), ", name: ", param.name, ", id: ", param.diskId);
         result = PF_Err_INVALID_INDEX;
         continue;
       }

@@ -80,16 +80,9 @@ PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data, const ParamTableRow
 A_short CountPopupChoices(const std::string& choices);
 
 // ---- Host values to KernelData working values ----
-// After Effects delivers popups counting from 1, Premiere Pro from 0; the
-// kernel enums count from 1, so both end up as the same BlendMode,
-// DiffBlendMode or ColorFrom.
+// After Effects delivers popups counting from 1, as the kernel enums do.
 
 inline A_long PopupFromAE(A_long hostValue) { return hostValue; }
-inline A_long PopupFromPremiere(A_long hostValue) { return hostValue + 1; }
-
-// "Frames" on both hosts and "Frames offset" on Premiere: whole frames, cut
-// toward zero.
-inline A_long WholeFrames(double sliderValue) { return static_cast<A_long>(sliderValue); }
 
 // "Frames Fade" 0..100 to the fade exponent 0..5; the division is in double
 // so 80 gives exactly 4.0f.
