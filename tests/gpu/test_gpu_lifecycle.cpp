@@ -236,45 +236,43 @@ struct PassSetUp {
   }
 };
 
-TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeeds) {
+TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeedsAndStopsAtTheFirstFailure) {
   ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
+  const struct {
+    int preOffset, curOffset, failSetArgAt;
+    int32_t status;
+    size_t resizes, mains, setArgs;
+  } rows[] = {
+      {0, 0, -1, 0, 0, 1, 12},   // no canvas: frames used in place
+      {3, 0, -1, 0, 1, 1, 23},   // the older frame only
+      {3, -1, -1, 0, 2, 1, 34},  // both, each on its own canvas
+      {0, 1, 3, 512, 0, 0, 4},   // a failed argument skips every later one
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.preOffset << " " << row.curOffset << " " << row.failSetArgAt);
     PassSetUp p;
-  FakeCL::calls.clear();
-  EXPECT_EQ(p.Run(OpenCL, &list_), 0);
-  EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), 0u);
-  EXPECT_EQ(FakeCL::Count("enqueue MainKernel"), 1u);
-  EXPECT_EQ(FakeCL::Count("setKernelArg"), 12u);
-  EXPECT_EQ(FakeCL::buffersLive, 0);  // the parameter copy is released
-
-  p.pre.inOffsetX = 3;  // only the older frame is offset
-  FakeCL::calls.clear();
-  FakeCL::argIndices.clear();
-  EXPECT_EQ(p.Run(OpenCL, &list_), 0);
-  EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), 1u);
-  EXPECT_EQ(FakeCL::Count("setKernelArg"), 23u);
-  EXPECT_EQ(FakeCL::argIndices.front(), 0u);
-  EXPECT_EQ(FakeCL::argIndices[10], 10u);
-
-  p.cur.inOffsetY = -1;  // both
-  FakeCL::calls.clear();
-  EXPECT_EQ(p.Run(OpenCL, &list_), 0);
-  EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), 2u);
-  EXPECT_EQ(FakeCL::calls.back(), "enqueue MainKernel");
+    p.pre.inOffsetX = row.preOffset;
+    p.cur.inOffsetY = row.curOffset;
+    FakeCL::calls.clear();
+    FakeCL::argIndices.clear();
+    FakeCL::setArgCount = 0;
+    FakeCL::failSetArgAt = row.failSetArgAt;
+    EXPECT_EQ(p.Run(OpenCL, &list_), row.status);
+    EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), row.resizes);
+    EXPECT_EQ(FakeCL::Count("enqueue MainKernel"), row.mains);
+    EXPECT_EQ(FakeCL::Count("setKernelArg"), row.setArgs);
+    if (row.mains) EXPECT_EQ(FakeCL::calls.back(), "enqueue MainKernel");
+    for (size_t i = 0; i < FakeCL::argIndices.size(); ++i)  // each kernel's arguments in order from 0
+      EXPECT_EQ(FakeCL::argIndices[i], row.resizes && i < 11 * row.resizes ? i % 11 : (i - 11 * row.resizes) % 12);
+    EXPECT_EQ(FakeCL::buffersLive, 0);  // the parameter copy is released on every way out
+  }
+  EXPECT_EQ(log_.Count(":GPURender] :: OpenCL Assert: Code: 0xFFFFFFCE (Invalid argument value)"), 1u);
 }
 
-TEST_F(GpuLifecycle, PassFailuresSkipTheRestOfThePass) {
+TEST_F(GpuLifecycle, PassFailureRows) {
   ASSERT_EQ(InitializeGPU(OpenCL, &list_, nullptr, nullptr, 512), 0);
-    PassSetUp p;
+  PassSetUp p;
   p.cur.inOffsetX = 1;
-  FakeCL::failSetArgAt = 3;
-  FakeCL::calls.clear();
-  EXPECT_EQ(p.Run(OpenCL, &list_), 512);
-  EXPECT_EQ(FakeCL::Count("setKernelArg"), 4u);
-  EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel") + FakeCL::Count("enqueue MainKernel"), 0u);
-  EXPECT_EQ(log_.Count(":GPURender] :: OpenCL Assert: Code: 0xFFFFFFCE (Invalid argument value)"), 1u);
-  EXPECT_EQ(FakeCL::buffersLive, 0);
-
-  FakeCL::failSetArgAt = -1;
   void* resize = list_.entries[1].kernel;
   list_.entries[1].kernel = nullptr;
   EXPECT_EQ(p.Run(OpenCL, &list_), 512);
@@ -283,6 +281,7 @@ TEST_F(GpuLifecycle, PassFailuresSkipTheRestOfThePass) {
   list_.entries[0].kernel = nullptr;
   EXPECT_EQ(p.Run(OpenCL, &list_), 512);
   EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: MainKernel"), 1u);
+  EXPECT_EQ(FakeCL::buffersLive, 0);
 
   // The failure code is the caller's: Premiere's general failure on that side.
   EXPECT_EQ(p.Run(OpenCL, nullptr, kPrGPUFailureCode), kPrGPUFailureCode);
