@@ -5,11 +5,13 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "DeviceFrameStack.h"
+#include "LogsController.h"
 
 namespace {
 
@@ -42,6 +44,10 @@ struct BenchDevice {
   std::string error;
   explicit BenchDevice(const DeviceKind& k) : kind(&k) {
     if (!std::getenv("POCL_CACHE_DIR")) setenv("POCL_CACHE_DIR", TD_BENCH_POCL_CACHE_DIR, 0);
+    // The effect's log, as after a host's global set-up, under the build tree.
+    std::filesystem::create_directories(TD_BENCH_TMP_DIR);
+    setenv("TMPDIR", TD_BENCH_TMP_DIR, 1);
+    LoggerInit(kLogFileStem, kLogFolderName);
     try {
       device = OpenDevice(k.name);
       kernels = std::make_unique<DeviceKernels>(device);
