@@ -34,9 +34,9 @@ TEST(OpenCLText, IsSelfContainedWithTheHalfSwitchLeftOpen) {
   EXPECT_NE(text.find("#line 1 \"plugin/TremorDistiller_Kernel.cl\""), std::string::npos);
 }
 
-// Built without the prefix, so with 32-bit access only; the module's own
-// set-up (tests/gpu) builds it with the prefix.
-TEST(PoclProgram, BuildsCleanlyWithBothKernelsWithoutTheHalfPrefix) {
+// Built as the module builds it, with the prefix that switches the 16-bit
+// branches on, and without it (32-bit access only).
+TEST(PoclProgram, BuildsCleanlyWithBothKernelsWithAndWithoutTheHalfPrefix) {
   setenv("POCL_CACHE_DIR", TD_POCL_CACHE_DIR, 0);
   cl_uint n = 0;
   if (clGetPlatformIDs(0, nullptr, &n) != CL_SUCCESS || n == 0) GTEST_SKIP() << "no OpenCL platform";
@@ -49,27 +49,31 @@ TEST(PoclProgram, BuildsCleanlyWithBothKernelsWithoutTheHalfPrefix) {
   cl_int err = 0;
   cl_context context = clCreateContext(nullptr, 1, &device, nullptr, nullptr, &err);
   ASSERT_EQ(err, CL_SUCCESS);
-  const char* text = kTremorDistillerKernelText;
-  cl_program program = clCreateProgramWithSource(context, 1, &text, nullptr, &err);
-  ASSERT_EQ(err, CL_SUCCESS);
-  err = clBuildProgram(program, 1, &device, kOpenCLBuildOptions, nullptr, nullptr);
-  size_t size = 0;
-  clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, 0, nullptr, &size);
-  std::string log(size, '\0');
-  clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, size, log.data(), nullptr);
-  EXPECT_EQ(err, CL_SUCCESS) << log;
-  EXPECT_LE(size, 1u) << "any log of two bytes or more becomes an error line at every device set-up: " << log;
-  // MainKernel: eleven arguments plus the read-only accumulation.
-  const std::pair<const char*, cl_uint> kernels[] = {{kKernelNames[0], 12u}, {kKernelNames[1], 11u}};
-  for (const auto& [name, expectedArgs] : kernels) {
-    cl_uint args = 0;
-    if (cl_kernel k = clCreateKernel(program, name, &err)) {
-      clGetKernelInfo(k, CL_KERNEL_NUM_ARGS, sizeof args, &args, nullptr);
-      clReleaseKernel(k);
+  const char* strings[2] = {kOpenCLSourcePrefix, kTremorDistillerKernelText};
+  const size_t lengths[2] = {kOpenCLSourcePrefixLength, std::strlen(kTremorDistillerKernelText)};
+  for (int first : {0, 1}) {
+    SCOPED_TRACE(first == 0 ? "with prefix" : "without prefix");
+    cl_program program = clCreateProgramWithSource(context, 2 - first, strings + first, lengths + first, &err);
+    ASSERT_EQ(err, CL_SUCCESS);
+    err = clBuildProgram(program, 1, &device, kOpenCLBuildOptions, nullptr, nullptr);
+    size_t size = 0;
+    clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, 0, nullptr, &size);
+    std::string log(size, '\0');
+    clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, size, log.data(), nullptr);
+    EXPECT_EQ(err, CL_SUCCESS) << log;
+    EXPECT_LE(size, 1u) << "any log of two bytes or more becomes an error line at every device set-up: " << log;
+    // MainKernel: eleven arguments plus the read-only accumulation.
+    const std::pair<const char*, cl_uint> kernels[] = {{kKernelNames[0], 12u}, {kKernelNames[1], 11u}};
+    for (const auto& [name, expectedArgs] : kernels) {
+      cl_uint args = 0;
+      if (cl_kernel k = clCreateKernel(program, name, &err)) {
+        clGetKernelInfo(k, CL_KERNEL_NUM_ARGS, sizeof args, &args, nullptr);
+        clReleaseKernel(k);
+      }
+      EXPECT_EQ(args, expectedArgs) << name;
     }
-    EXPECT_EQ(args, expectedArgs) << name;
+    clReleaseProgram(program);
   }
-  clReleaseProgram(program);
   clReleaseContext(context);
 }
 
