@@ -1,7 +1,6 @@
 // The parameter table, its lookup, and the bytes of the plug-in property list.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,7 +17,6 @@ TEST(ParamTable, UniqueIdsInHostOrderAndDefaultsInRange) {
   std::vector<int32_t> ids;
   for (const ParamRecord& row : table) ids.push_back(row.diskId);
   EXPECT_EQ(ids, (std::vector<int32_t>{0, 1, 5, 6, 12, 19, 20, 22, 21, 24, 23}));
-  EXPECT_EQ(std::set<int32_t>(ids.begin(), ids.end()).size(), ids.size());
 
   for (const ParamRecord& row : table) {
     SCOPED_TRACE(row.name);
@@ -30,8 +28,6 @@ TEST(ParamTable, UniqueIdsInHostOrderAndDefaultsInRange) {
     } else if (row.kind == ParamKind::Popup) {  // After Effects counts from 1
       EXPECT_GE(std::get<int32_t>(row.defaultValue), 1);
       EXPECT_LE(std::get<int32_t>(row.defaultValue), CountPopupChoices(std::get<std::string>(*row.value)));
-    } else if (row.kind == ParamKind::Checkbox) {
-      EXPECT_TRUE(std::holds_alternative<bool>(row.defaultValue));
     }
   }
   // A stack holds at least two frame pairs and never outgrows KernelData's origins.
@@ -87,10 +83,7 @@ TEST(PiPL, ExactBytes) {
     'M', 'I', 'B', '8',  'L', 'F', 'e', 'a',  0, 0, 0, 0,  4, 0, 0, 0,  8, 0, 0, 0,
   };
   // clang-format on
-  ASSERT_EQ(expected.size(), 294u);
-  const std::vector<uint8_t> pipl = BuildPiPL();
-  ASSERT_EQ(pipl.size(), expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(pipl[i], expected[i]) << "byte " << i;
+  EXPECT_EQ(BuildPiPL(), expected);
 }
 
 }  // namespace

@@ -25,7 +25,6 @@ struct TestFrame {
   }
   float* data() { return storage.data() + kGuard; }
   const float* data() const { return storage.data() + kGuard; }
-  int rowBytes() const { return pitch * 16; }
 
   // Colour in R, G, B, A order; stored as B, G, R, A.
   void Set(int x, int y, float r, float g, float b, float a) {

@@ -86,8 +86,6 @@ TEST(FrameStackLoop, WalksPairsFromOldestWithEqualPercentSteps) {
       // Each pass reads what the pass before wrote.
       EXPECT_EQ(p.buffers.inIm, k > 0 ? host.passes[k - 1].buffers.outIm : &host.slots[1]);
     }
-    EXPECT_EQ(host.passes.front().percent, n == 0 ? 1.0f : 0.0f);
-    EXPECT_EQ(host.passes.back().percent, 1.0f);  // exactly: the last pass delivers at full weight
     // Only a lone pair reads an accumulation no pass wrote, so only then must it start out empty.
     EXPECT_EQ(host.clearRequests, (std::vector<bool>{false, numFrames == 2, false, false}));
     EXPECT_EQ(host.disposed, 4);
@@ -152,28 +150,21 @@ struct Render {
   KernelData kd;
   CpuLaunchConfig config;
 
-  Render(int numFrames, int width, int height, int outPitch)
+  Render(int numFrames, int width, int height, int outPitch, int framePitch = 0)
       : w(width), h(height), out(width, height, outPitch), kd(DefaultKernelData(numFrames)) {
-    for (int i = 0; i < numFrames; ++i) frames.emplace_back(w, h, outPitch);
+    for (int i = 0; i < numFrames; ++i) frames.emplace_back(w, h, framePitch ? framePitch : outPitch);
   }
   int32_t Run(std::vector<std::pair<int, int>> offsets = {}) {
     FrameStackJob job;
     for (size_t i = 0; i < frames.size(); ++i) {
       const auto o = i < offsets.size() ? offsets[i] : std::make_pair(0, 0);
-      job.frames.push_back({frames[i].data(), frames[i].width, frames[i].height, frames[i].rowBytes(), o.first,
+      job.frames.push_back({frames[i].data(), frames[i].width, frames[i].height, frames[i].pitch * 16, o.first,
                             o.second});
     }
-    job.output = {out.data(), w, h, out.rowBytes(), 0, 0};
+    job.output = {out.data(), w, h, out.pitch * 16, 0, 0};
     job.is16f = false;
     job.kernelData = &kd;
     return CpuRenderFrameStack(config, job);
-  }
-  void FillRandom(uint32_t seed) {
-    TestRandom rnd(seed);
-    for (auto& f : frames)
-      for (int y = 0; y < f.height; ++y)
-        for (int x = 0; x < f.width; ++x)
-          f.Set(x, y, rnd.Next(-0.2f, 1.2f), rnd.Next(0.f, 1.f), rnd.Next(0.f, 1.f), rnd.Next(0.5f, 1.f));
   }
 };
 
@@ -205,39 +196,31 @@ TEST(FrameStackRender, BitIdenticalAcrossThreadsRunsAndWaysOfPlacingFrames) {
   const std::vector<std::pair<int, int>> offsets = {{0, 0}, {3, -2}, {0, 0}, {-5, 4}, {0, 0}, {1, 1}};
   for (bool amplify : {false, true}) {
     SCOPED_TRACE(amplify);
-    Render a(6, 53, 37, 57), b(6, 53, 37, 57), placed(6, 53, 37, 57);  // sizes not a multiple of 16, padded pitch
-    for (Render* r : {&a, &b, &placed}) {
-      r->FillRandom(7);
+    // Sizes not a multiple of 16, padded pitches; placed frames at offset 0 with a pitch of their own.
+    Render a(6, 53, 37, 57), placed(6, 53, 37, 57, 71);
+    TestRandom rnd(7);
+    for (TestFrame& f : a.frames)
+      for (int y = 0; y < f.height; ++y)
+        for (int x = 0; x < f.width; ++x)
+          f.Set(x, y, rnd.Next(-0.2f, 1.2f), rnd.Next(0.f, 1.f), rnd.Next(0.f, 1.f), rnd.Next(0.5f, 1.f));
+    for (Render* r : {&a, &placed}) {
       r->kd.motion_amp = r->kd.normalize = amplify;
       r->kd.chromatic = true;
       r->kd.blendMode = amplify ? BLEND_SCREEN : BLEND_ADD;
       r->kd.diffMode = amplify ? DIFF_SUBT : DIFF_DIFF;
     }
-    b.config.threads = 3;
     ASSERT_EQ(a.Run(offsets), 0);
-    ASSERT_EQ(b.Run(offsets), 0);
-    EXPECT_TRUE(a.out.BitEqual(b.out));
     EXPECT_TRUE(a.out.GuardsIntact());
     for (const TestFrame& f : a.frames) EXPECT_TRUE(f.GuardsIntact());  // frames are only read
     const TestFrame first = a.out;
+    a.config.threads = 3;
     ASSERT_EQ(a.Run(offsets), 0);
     EXPECT_TRUE(a.out.BitEqual(first));
 
     // Frames the loop puts on canvases equal the same frames placed beforehand.
     for (int i = 0; i < 6; ++i)
-      CpuResizeKernel(CpuLaunchConfig{}, a.frames[i].data(), placed.frames[i].data(), 57, 57, 0, 53, 37, 53, 37,
+      CpuResizeKernel(CpuLaunchConfig{}, a.frames[i].data(), placed.frames[i].data(), 57, 71, 0, 53, 37, 53, 37,
                       offsets[i].first, offsets[i].second);
-    ASSERT_EQ(placed.Run(), 0);
-    EXPECT_TRUE(placed.out.BitEqual(a.out));
-    // A frame at offset 0 with a pitch of its own is not read with the output's pitch.
-    TestFrame& own = placed.frames[2];
-    TestFrame wide(53, 37, 71);
-    for (int y = 0; y < 37; ++y)
-      for (int x = 0; x < 53; ++x) {
-        const gfcpu::float4 p = own.Rgba(x, y);
-        wide.Set(x, y, p.x, p.y, p.z, p.w);
-      }
-    own = wide;
     ASSERT_EQ(placed.Run(), 0);
     EXPECT_TRUE(placed.out.BitEqual(a.out));
   }
