@@ -107,6 +107,7 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {"--list-devices", 0, "opencl:0.0"},  // PoCL at least
       {"--help", 0, "--blending-mode TEXT:{add,screen}=add"},  // the module's choices and default
       {in + "out.%04d.exr", 0, "tremor-render: 12 frames in ", 12},
+      {in + "out.mkv --jobs 3", 0, "tremor-render: 12 frames in ", 1},  // a video takes its frames in order
       {In("missing.%04d.png") + " -o out.%04d.exr", 1, "missing.%04d.png': No such file or directory"},
       {In("missing.mkv") + " -o out.mkv", 1, "cannot open input '" + (Root() / "in/missing.mkv").string() + "'"},
       {In("audio.wav") + " -o out.mkv", 1, "audio.wav' has no video stream"},
