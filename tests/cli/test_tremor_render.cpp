@@ -169,10 +169,10 @@ TEST_F(TremorRender, InterruptRemovesPartialOutput) {
 
 using Frames = std::map<std::string, std::string>;  // bytes by file name
 
-// Renders the test clip with `options` into a fresh folder.
-Frames Render(const std::string& options) {
+// Renders `input` with `options` into a fresh folder.
+Frames Render(const std::string& options, const std::string& input = In("in.%04d.png")) {
   const fs::path dir = OutDir("render");
-  const Result r = RunCli(dir, In("in.%04d.png") + " -o out.%04d.exr --quiet " + options);
+  const Result r = RunCli(dir, input + " -o out.%04d.exr --quiet " + options);
   EXPECT_EQ(r.code, 0) << options << ": " << r.err;
   EXPECT_EQ(r.err, "") << "--quiet";
   Frames files;
@@ -250,15 +250,13 @@ std::vector<float> Reference(int k) {
 }
 
 TEST_F(TremorRender, ExrOutputEqualsTheReference) {
-  const fs::path dir = OutDir("reference");
-  const std::string in = (dir / "in.%04d.exr").string();
-  media::Writer writer(in, media::OutputFormatFor(in), media::InputInfo{}, "");
+  const fs::path in = Root() / "in" / "clip.%04d.exr";
+  media::Writer writer(in.string(), media::OutputFormatFor(in.string()), media::InputInfo{}, "");
   for (int k = 0; k < kFrames; ++k) writer.Write(ClipFrame(k), k);
   writer.Finish();
-  const Result r = RunCli(dir, Quote(in) + " -o out.%04d.exr --device opencl --quiet --output Luma --normalize");
-  ASSERT_EQ(r.code, 0) << r.err;
+  Render("--device opencl --output Luma --normalize", Quote(in));
 
-  media::Reader out((dir / "out.%04d.exr").string());
+  media::Reader out((Root() / "render" / "out.%04d.exr").string());
   media::Picture p;
   int k = 0;
   for (; out.Next(p); ++k) {
