@@ -17,14 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 using media::Picture;
 
-// A fresh folder per test under the build tree.
+// A fresh folder per test under the build tree (a parameterised one's name nests).
 fs::path TempDir() {
   media::QuietLibraries();
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = std::string(info->test_suite_name()) + "_" + info->name();
-  for (char& c : name)
-    if (c == '/') c = '_';
-  const fs::path dir = fs::path(TD_TEST_TMP_DIR) / "media_io" / name;
+  const fs::path dir = fs::path(TD_TEST_TMP_DIR) / "media_io" / info->test_suite_name() / info->name();
   fs::remove_all(dir);
   fs::create_directories(dir);
   return dir;
@@ -35,16 +32,12 @@ void Sh(const std::string& cmd) { ASSERT_EQ(std::system((cmd + " >/dev/null 2>&1
 // Smooth ramps (a wrong Y'CbCr matrix shows), R rising and B falling (a
 // swapped pair shows), R beyond 0..1 at both ends, steps finer than 16 bits in G.
 Picture Ramps(int k) {
-  constexpr int w = 64, h = 32;
-  Picture p{w, h, std::vector<float>(w * h * 4)};
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const float u = static_cast<float>(x) / w, v = static_cast<float>(y) / h;
-      float* q = &p.rgba[(y * w + x) * 4];
-      q[0] = -0.2f + 1.4f * u;
-      q[1] = 0.1f + 0.7f * v + 0.01f * k + 1e-7f * x;
-      q[2] = 0.9f - 0.8f * u;
-      q[3] = 0.25f + 0.7f * u;
+  Picture p{64, 32, {}};
+  for (int y = 0; y < 32; ++y)
+    for (int x = 0; x < 64; ++x) {
+      const float u = x / 64.0f, v = y / 32.0f;
+      p.rgba.insert(p.rgba.end(),
+                    {-0.2f + 1.4f * u, 0.1f + 0.7f * v + 0.01f * k + 1e-7f * x, 0.9f - 0.8f * u, 0.25f + 0.7f * u});
     }
   return p;
 }
@@ -56,6 +49,19 @@ std::vector<Picture> ReadAll(const std::string& path, media::InputInfo* info = n
   Picture p;
   while (r.Next(p)) out.push_back(p);
   return out;
+}
+
+// 16x4 pixels of raw `bytes` in ffmpeg's `pixFmt`, made into `file` by the
+// ffmpeg CLI with `fileArgs`, read back: the file's one picture.
+Picture ThroughFfmpeg(const std::string& bytes, const std::string& pixFmt, const std::string& fileArgs,
+                      const fs::path& file) {
+  const std::string raw = file.string() + ".raw";
+  std::ofstream(raw, std::ios::binary) << bytes;
+  Sh("ffmpeg -y -f rawvideo -pix_fmt " + pixFmt + " -s 16x4 -i " + raw + " " + fileArgs + " -frames:v 1 " +
+     file.string());
+  const auto out = ReadAll(file.string());  // one file, no pattern
+  EXPECT_TRUE(out.size() == 1 && out[0].rgba.size() == 16 * 4 * 4) << file;
+  return out.empty() ? Picture{} : out[0];
 }
 
 std::vector<std::string> WriteAll(const std::string& path, const std::vector<Picture>& pics, int64_t first,
@@ -136,27 +142,22 @@ TEST(ReadPaths, IntegerPngAndTiffAreVOverMax) {
                {"rgba64le", "rgb48be", 4, 2, false},  {"gray16le", "gray16be", 1, 2, false},
                {"rgba", "rgba", 4, 1, true, ".tif"},  {"rgba64le", "rgba64le", 4, 2, true, ".tif"},
                {"rgba64le", "rgb48le", 4, 2, false, ".tif"}};
-  constexpr int kW = 16, kH = 4;
   for (const auto& c : cases) {
-    std::vector<unsigned> values(kW * kH * c.channels);
+    SCOPED_TRACE(std::string(c.file) + c.ext);
+    std::vector<unsigned> values(16 * 4 * c.channels);
     std::string raw;
     for (size_t i = 0; i < values.size(); ++i) {
       values[i] = c.bytes == 1 ? (i * 37 + 11) % 256 : (i * 4099 + 17) % 65536;
       for (int b = 0; b < c.bytes; ++b) raw.push_back(static_cast<char>((values[i] >> (8 * b)) & 0xff));
     }
-    const std::string rawPath = (dir / (std::string(c.file) + ".raw")).string();
-    std::ofstream(rawPath, std::ios::binary) << raw;
-    const std::string file = (dir / (std::string(c.file) + c.ext)).string();
-    Sh("ffmpeg -y -f rawvideo -pix_fmt " + std::string(c.raw) + " -s " + std::to_string(kW) + "x" +
-       std::to_string(kH) + " -i " + rawPath + " -pix_fmt " + c.file + " -frames:v 1 " + file);
-    const auto out = ReadAll(file);  // one file, no pattern
-    ASSERT_EQ(out.size(), 1u) << file;
+    const Picture out =
+        ThroughFfmpeg(raw, c.raw, std::string("-pix_fmt ") + c.file, dir / (std::string(c.file) + c.ext));
     const float max = c.bytes == 1 ? 255.0f : 65535.0f;
-    for (int p = 0; p < kW * kH; ++p)
-      for (int k = 0; k < 4; ++k) {
-        const float want = k == 3 && !c.alpha ? 1.0f : values[p * c.channels + (c.channels == 1 ? 0 : k)] / max;
-        ASSERT_EQ(out[0].rgba[p * 4 + k], want) << file << " pixel " << p << " channel " << k;
-      }
+    for (size_t i = 0; i < 16 * 4 * 4; ++i) {
+      const size_t p = i / 4, k = i % 4;
+      const float want = k == 3 && !c.alpha ? 1.0f : values[p * c.channels + (c.channels == 1 ? 0 : k)] / max;
+      ASSERT_EQ(out.rgba.at(i), want) << "pixel " << p << " channel " << k;
+    }
   }
 }
 
@@ -172,22 +173,17 @@ TEST(ReadPaths, YCbCrUsesStreamMatrixAndRange) {
   } cases[] = {{"full601", "pc", "bt470bg", true, 0.299, 0.114}, {"tv709", "tv", "bt709", false, 0.2126, 0.0722}};
   const int yuv[3] = {140, 90, 170};  // far from grey, inside the R'G'B' cube
   for (const auto& c : cases) {
-    const std::string raw = (dir / (std::string(c.name) + ".yuv")).string();
-    const std::string mkv = (dir / (std::string(c.name) + ".mkv")).string();
-    {
-      std::ofstream f(raw, std::ios::binary);
-      for (int plane = 0; plane < 3; ++plane) f << std::string(16 * 16, static_cast<char>(yuv[plane]));
-    }
-    Sh("ffmpeg -y -f rawvideo -pix_fmt yuv444p -s 16x16 -i " + raw + " -color_range " + c.range + " -colorspace " +
-       c.space + " -c:v ffv1 " + mkv);
+    SCOPED_TRACE(c.name);
+    std::string planes;
+    for (int plane = 0; plane < 3; ++plane) planes += std::string(16 * 4, static_cast<char>(yuv[plane]));
+    const Picture out = ThroughFfmpeg(planes, "yuv444p",
+                                      std::string("-color_range ") + c.range + " -colorspace " + c.space + " -c:v ffv1",
+                                      dir / (std::string(c.name) + ".mkv"));
     const double y = c.full ? yuv[0] / 255.0 : (yuv[0] - 16) / 219.0;
     const double cb = (yuv[1] - 128) / (c.full ? 255.0 : 224.0), cr = (yuv[2] - 128) / (c.full ? 255.0 : 224.0);
     const double r = y + 2 * (1 - c.kr) * cr, b = y + 2 * (1 - c.kb) * cb;
     const double want[4] = {r, (y - c.kr * r - c.kb * b) / (1 - c.kr - c.kb), b, 1.0};
-    const auto out = ReadAll(mkv);
-    ASSERT_EQ(out.size(), 1u) << c.name;
-    for (size_t i = 0; i < out[0].rgba.size(); ++i)
-      ASSERT_NEAR(out[0].rgba[i], want[i % 4], 1.0 / 255) << c.name << " value " << i;
+    for (size_t i = 0; i < 16 * 4 * 4; ++i) ASSERT_NEAR(out.rgba.at(i), want[i % 4], 1.0 / 255) << "value " << i;
   }
 }
 
@@ -220,9 +216,7 @@ TEST_P(AudioCopy, CopiedWhereTheContainerTakesIt) {
   std::vector<double> t;  // audio packet times in seconds
   FILE* p = popen(("ffprobe -v error -select_streams a -show_entries packet=pts_time -of csv=p=0 " + out).c_str(), "r");
   ASSERT_NE(p, nullptr);
-  char line[128];
-  while (std::fgets(line, sizeof line, p))
-    if (line[0] != '\n') t.push_back(std::atof(line));
+  for (double v; std::fscanf(p, "%lf", &v) == 1;) t.push_back(v);
   pclose(p);
   ASSERT_FALSE(t.empty());
   EXPECT_NEAR(t.front(), 0.0, 0.05);

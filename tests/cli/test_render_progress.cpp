@@ -36,16 +36,14 @@ std::string Captured(bool quiet, bool terminal) {
   return text;
 }
 
-TEST(ProgressOutput, TerminalRedrawsOneLineAndClearsIt) {
-  const std::string text = Captured(false, true);
-  EXPECT_EQ(text.find('\n'), std::string::npos) << text;
-  EXPECT_NE(text.find("3/3 frames"), std::string::npos) << text;  // the last frame is always drawn
-  EXPECT_EQ(text.substr(text.size() - 4), "\r\033[K");
-}
-
-TEST(ProgressOutput, QuietAndFastLogsPrintNothing) {
+// A terminal gets one line, redrawn and cleared at the end; quiet runs and
+// logs get nothing here (plain lines come every two seconds).
+TEST(ProgressOutput, BarOnlyOnATerminalAndClearedAtTheEnd) {
+  const std::string bar = Captured(false, true);
+  EXPECT_EQ(bar.find('\n'), std::string::npos) << bar;
+  EXPECT_NE(bar.find("3/3 frames"), std::string::npos) << bar;  // the last frame is always drawn
+  EXPECT_EQ(bar.substr(bar.size() - 4), "\r\033[K");
   EXPECT_EQ(Captured(true, true), "");
-  // Plain lines come every two seconds, so a run this short prints none.
   EXPECT_EQ(Captured(false, false), "");
 }
 
