@@ -32,54 +32,39 @@ struct CpuWorld {
   T* at(A_long x, A_long y) { return &px[(static_cast<size_t>(y) * (world.rowbytes / sizeof(T) / 4) + x) * 4]; }
 };
 
+// The input is 5x9 in rows of six pixels over eleven rows, the output 7x11 in
+// rows of nine, all guard-filled: reading past the input's width or rows would
+// bring guards into the output, which beyond the input is transparent black.
 template <typename T>
 void ExpectHalfValueCopy(int depth, T a, T r, T g, T b, T ha, T hr, T hg, T hb) {
   SCOPED_TRACE(depth);
   EXPECT_EQ(PixelSizeOfDepth(depth), static_cast<int>(4 * sizeof(T)));
   const T guard = static_cast<T>(7);
-  CpuWorld<T> input(5, 9, 1, guard), output(5, 9, 2, guard);
+  CpuWorld<T> input(5, 11, 1, guard), output(7, 11, 2, guard);
+  input.world.height = 9;
   for (A_long y = 0; y < 9; ++y)
     for (A_long x = 0; x < 5; ++x) {
       T* p = input.at(x, y);
       p[0] = a, p[1] = r, p[2] = g, p[3] = b;
     }
-  for (A_long y = 0; y < 9; ++y) HalfValueRow(depth, input.world, output.world, y);
-  for (A_long y = 0; y < 9; ++y) {
-    for (A_long x = 0; x < 5; ++x) {
+  for (A_long y = 0; y < 11; ++y) HalfValueRow(depth, input.world, output.world, y);
+  for (A_long y = 0; y < 11; ++y) {
+    for (A_long x = 0; x < 7; ++x) {
       const T* p = output.at(x, y);
-      EXPECT_EQ(std::vector<T>(p, p + 4), (std::vector<T>{ha, hr, hg, hb})) << x << "," << y;
+      const std::vector<T> want = x < 5 && y < 9 ? std::vector<T>{ha, hr, hg, hb} : std::vector<T>(4, 0);
+      EXPECT_EQ(std::vector<T>(p, p + 4), want) << x << "," << y;
     }
-    for (A_long x = 5; x < 7; ++x) EXPECT_EQ(output.at(x, y)[0], guard) << "padding written in row " << y;
+    for (A_long x = 7; x < 9; ++x) EXPECT_EQ(output.at(x, y)[0], guard) << "padding written in row " << y;
   }
 }
 
-TEST(SoftwarePath, CopiesTheFirstComponentAndHalvesTheOthersAtEachDepth) {
+TEST(SoftwarePath, CopiesTheFirstComponentAndHalvesTheOthersWithinTheInputAtEachDepth) {
   ExpectHalfValueCopy<uint8_t>(8, 200, 255, 128, 1, 200, 127, 64, 0);
   ExpectHalfValueCopy<uint16_t>(16, 32768, 32767, 65535, 1, 32768, 16383, 32767, 0);
   ExpectHalfValueCopy<float>(32, 0.5f, 1.0f, -0.5f, 2.0f, 0.5f, 0.5f, -0.25f, 1.0f);
   // Over-range, negative and infinite floats pass through unclamped.
   ExpectHalfValueCopy<float>(32, -3.0f, 1e30f, INFINITY, -7.0f, -3.0f, 5e29f, INFINITY, -3.5f);
   EXPECT_EQ(PixelSizeOfDepth(10), 0);
-}
-
-TEST(SoftwarePath, InputSmallerThanOutputIsReadOnlyWithinItsBounds) {
-  // Two rows of three pixels in rows of five, then rows that belong to
-  // nobody: reading past the input's width or rows would bring their 100s
-  // into the output.
-  CpuWorld<float> input(3, 4, 2, 100.0f);
-  input.world.height = 2;
-  for (A_long y = 0; y < 2; ++y)
-    for (A_long x = 0; x < 3; ++x) std::fill(input.at(x, y), input.at(x, y) + 4, 0.5f);
-  CpuWorld<float> output(5, 4, 0, -1.0f);
-  for (A_long y = 0; y < 4; ++y) HalfValueRow(32, input.world, output.world, y);
-  for (A_long y = 0; y < 4; ++y)
-    for (A_long x = 0; x < 5; ++x) {
-      const bool inside = x < 3 && y < 2;
-      const float* p = output.at(x, y);
-      EXPECT_EQ(std::vector<float>(p, p + 4), inside ? (std::vector<float>{0.5f, 0.25f, 0.25f, 0.25f})
-                                                     : (std::vector<float>{0, 0, 0, 0}))
-          << x << "," << y;
-    }
 }
 
 // ---- Through the host ----
@@ -91,11 +76,6 @@ class EffectHosted : public ModuleHostTest {
     AeHost& host = NewHost(options);
     for (int k = 0; k < 4; ++k) host.AddFrame(host.FrameTime(k), aehost::Image(8, 4, 0.5f));
     return host;
-  }
-  static aehost::DeviceOptions Device(A_long whatGpu = -1) {
-    aehost::DeviceOptions device;
-    device.whatGpu = whatGpu;
-    return device;
   }
 };
 
@@ -138,7 +118,7 @@ TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
     aehost::HostOptions options;
     options.applId = row.applId;
     AeHost& host = ClipHost(options);
-    const aehost::DeviceOptions device = Device();
+    aehost::DeviceOptions device;
     ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
     ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
     if (!row.keepDevice) {
@@ -172,7 +152,7 @@ TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
     ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
     const size_t handles = host.LiveHandleCount();
     const bool ok = whatGpu < 0;
-    EXPECT_EQ(host.SetupDevice(Device(whatGpu)), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
+    EXPECT_EQ(host.SetupDevice({"opencl", whatGpu}), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
     const auto setup = host.LastCommand(PF_Cmd_GPU_DEVICE_SETUP);
     EXPECT_NE(setup->out_flags & PF_OutFlag_REFRESH_UI, 0);
     EXPECT_EQ(setup->out_flags2, ok ? 0x02000000 : PF_OutFlag2_SUPPORTS_THREADED_RENDERING);  // replaced, not or-ed
@@ -192,10 +172,12 @@ TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
   }
 }
 
-// Whichever host operation fails mid-render, the scratch worlds made so far go back.
+// Whichever host operation fails mid-render, the render stops there, checks
+// every frame in and gives the scratch worlds made so far back; the host gets
+// the code, and for a missing suite a text to show.
 TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
   AeHost& host = ClipHost();
-  const aehost::DeviceOptions device = Device();
+  aehost::DeviceOptions device;
   ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
   const struct {
     const char* op;
@@ -214,7 +196,17 @@ TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
     int calls = 0;
     for (const auto& call : host.CallLog()) calls += call.op == f.op;
     EXPECT_EQ(calls, f.nth);
+    // Counted from when it was set, it does not fire again.
+    EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_NONE);
   }
+  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 6u) << Log();
+  host.ClearInjections();
+  host.RemoveSuite("PF World Suite");
+  const aehost::RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
+  EXPECT_EQ(r.result, 13);
+  EXPECT_EQ(r.render.return_msg, "Not able to acquire AEFX Suite.");
+  EXPECT_TRUE(r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
+  EXPECT_EQ(LogCount("Try Catch Exception code at event PF_Cmd_SMART_RENDER_GPU is PF_Err?UNKNOWN (13)\n"), 1u);
 }
 
 }  // namespace
