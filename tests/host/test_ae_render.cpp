@@ -1,9 +1,11 @@
 // The built module, loaded and driven by the stand-in After Effects host on
 // OpenCL (PoCL here): whole frames against the frame-stack loop on the CPU
-// reference device given the same stack, and the host's own duties (loading
-// errors, frames outside the clip, the upload cache, padded worlds, the call log).
+// reference device given the same stack; the host's own duties (loading
+// errors, frames outside the clip, the upload cache, padded worlds, the call
+// log); the device set-up, the software path's answers and failed renders.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -108,8 +110,12 @@ class AeRender : public ModuleHostTest {
     ModuleHostTest::SetUp();
     HostOptions options;
     options.rowPaddingBytes = 48;  // worlds with a pitch wider than the frame
-    NewHost(options);
-    for (int k = 0; k < 12; ++k) host_->AddFrame(host_->FrameTime(k), ClipFrame(k));
+    ClipHost(options);
+  }
+  AeHost& ClipHost(HostOptions options = {}) {
+    AeHost& host = NewHost(std::move(options));
+    for (int k = 0; k < 12; ++k) host.AddFrame(host.FrameTime(k), ClipFrame(k));
+    return host;
   }
   void SetUpGpu(const std::string& kind = "opencl") {
     DeviceOptions device;
@@ -122,6 +128,7 @@ class AeRender : public ModuleHostTest {
 
 class AeRenderDevices : public AeRender, public ::testing::WithParamInterface<std::string> {};
 class AeHostTest : public AeRender {};
+class EffectHosted : public AeRender {};
 
 TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
   try {
@@ -323,6 +330,135 @@ TEST_F(AeHostTest, CommandsAndCallbacksOfARenderAreLoggedInOrder) {
   // Nothing the host lent is left after set-down.
   EXPECT_EQ(host.LiveHandleCount(), 0u);
   EXPECT_EQ(host.LiveGpuWorldCount(), 0u);
+}
+
+TEST_F(EffectHosted, UnsupportedDepthsLogAndLeaveTheOutputAlone) {
+  struct Case {
+    A_long applId;
+    const char* format;
+    const char* line;
+  };
+  for (const Case& c : {Case{kApplIdAfterEffects, "Bgra", "Wrong bitdepth: 0"},
+                        Case{kApplIdPremiere, "v210", "Wrong bitdepth: 10"}}) {
+    SCOPED_TRACE(c.line);
+    HostOptions options;
+    options.applId = c.applId;
+    std::memcpy(&options.softwareFormat, c.format, 4);
+    AeHost& host = ClipHost(options);
+    ASSERT_EQ(host.SetUp(nullptr), PF_Err_NONE);
+    const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartSoftware);
+    EXPECT_EQ(r.result, PF_Err_BAD_CALLBACK_PARAM);
+    EXPECT_EQ(LogCount(std::string(":RenderCPU] :: ") + c.line + "\n"), 1u) << Log();
+    EXPECT_EQ(r.output.rgba, std::vector<float>(r.output.rgba.size(), 0.0f));
+  }
+}
+
+// The notice is the process's: a GPU frame takes down one that earlier renders
+// raised, and none comes while a device is set up.
+TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
+  const std::string ae = "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only "
+                         "supports GPU acceleration. Go in File > Project Settings";
+  const std::string select = " and select 'Mercury GPU Acceleration'";
+  const struct {
+    A_long applId;
+    bool keepDevice;
+    std::string notice;
+  } rows[] = {{kApplIdAfterEffects, false, ae + select},
+              {kApplIdPremiere, false, ae + " > General" + select},
+              {kApplIdAfterEffects, true, ""}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.notice);
+    HostOptions options;
+    options.applId = row.applId;
+    AeHost& host = ClipHost(options);
+    DeviceOptions device;
+    ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
+    ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
+    if (!row.keepDevice) {
+      ASSERT_EQ(host.SetdownDevice(), PF_Err_NONE);
+    }
+    std::vector<std::string> messages;
+    for (int frame = 1; frame <= 3; ++frame) {
+      const RenderResult r = host.Render(host.FrameTime(frame), RenderPath::SmartSoftware);
+      ASSERT_EQ(r.result, PF_Err_NONE);
+      EXPECT_EQ(r.output.rgba, Halved(ClipFrame(frame)).rgba);
+      EXPECT_EQ((r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE) != 0, !r.render.return_msg.empty());
+      EXPECT_EQ(r.checkouts[1].pixelCheckouts, 0);  // the software path fetches one frame
+      messages.push_back(r.render.return_msg);
+    }
+    // On the second software frame of a fresh process, the first of one that had some.
+    EXPECT_TRUE(messages[0].empty() || messages[1].empty());
+    EXPECT_EQ(messages[0] + messages[1], row.notice);
+    EXPECT_EQ(messages[2], "");
+  }
+}
+
+TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
+  // what_gpu -1 is the device's own framework; 2 (Metal) and 0 (none) are refused.
+  for (A_long whatGpu : {-1, 2, 0}) {
+    SCOPED_TRACE(whatGpu);
+    AeHost& host = ClipHost();
+    host.Options().beforeCommand = [](PF_Cmd, PF_InData&, PF_OutData& out) {
+      out.out_flags2 = PF_OutFlag2_SUPPORTS_THREADED_RENDERING;
+    };
+    ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
+    ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
+    const size_t handles = host.LiveHandleCount();
+    const bool ok = whatGpu < 0;
+    EXPECT_EQ(host.SetupDevice({"opencl", whatGpu}), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
+    const auto setup = host.LastCommand(PF_Cmd_GPU_DEVICE_SETUP);
+    EXPECT_NE(setup->out_flags & PF_OutFlag_REFRESH_UI, 0);
+    EXPECT_EQ(setup->out_flags2, ok ? 0x02000000 : PF_OutFlag2_SUPPORTS_THREADED_RENDERING);  // replaced, not or-ed
+    EXPECT_EQ(host.GpuData() != nullptr, ok);
+    EXPECT_EQ(host.LiveHandleCount(), handles + ok);
+    if (whatGpu == 0) {
+      EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_INTERNAL_STRUCT_DAMAGED);
+      EXPECT_EQ(LogCount(":SmartRenderGPU] :: Something wrong with GPU\n"), 1u) << Log();
+    }
+    // Set-down frees the handle, and disposes nothing when there is none.
+    host.ClearCallLog();
+    EXPECT_EQ(host.SetdownDevice(), PF_Err_NONE);
+    EXPECT_EQ(host.LiveHandleCount(), handles);
+    int disposed = 0;
+    for (const auto& call : host.CallLog()) disposed += call.op == "host_dispose_handle";
+    EXPECT_EQ(disposed, ok ? 1 : 0);
+  }
+}
+
+// Whichever host operation fails mid-render, the render stops there, checks
+// every frame in and gives the scratch worlds made so far back; the host gets
+// the code, and for a missing suite a text to show.
+TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
+  SetUpGpu();
+  AeHost& host = *host_;
+  const struct {
+    const char* op;
+    int nth;
+  } failures[] = {{"CreateGPUWorld", 1}, {"CreateGPUWorld", 2}, {"CreateGPUWorld", 3},
+                  {"GetGPUWorldData", 3}, {"checkout_layer_pixels", 4}, {"checkout_output", 1}};
+  for (const auto& f : failures) {
+    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth);
+    host.ClearInjections();
+    host.ClearCallLog();
+    host.FailOperation(f.op, PF_Err_OUT_OF_MEMORY, f.nth);
+    const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
+    EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
+    EXPECT_EQ(r.effectWorldsLeft, 0u);
+    EXPECT_EQ(r.worldsNotCheckedIn, 0u);
+    int calls = 0;
+    for (const auto& call : host.CallLog()) calls += call.op == f.op;
+    EXPECT_EQ(calls, f.nth);
+    // Counted from when it was set, it does not fire again.
+    EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_NONE);
+  }
+  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 6u) << Log();
+  host.ClearInjections();
+  host.RemoveSuite("PF World Suite");
+  const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
+  EXPECT_EQ(r.result, 13);
+  EXPECT_EQ(r.render.return_msg, "Not able to acquire AEFX Suite.");
+  EXPECT_TRUE(r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
+  EXPECT_EQ(LogCount("Try Catch Exception code at event PF_Cmd_SMART_RENDER_GPU is PF_Err?UNKNOWN (13)\n"), 1u);
 }
 
 }  // namespace
