@@ -45,20 +45,20 @@ std::vector<float> SwapRB(std::vector<float> px) {
   return px;
 }
 
-// The frame-stack loop on the CPU reference device over clip frames `ks` (newest first).
-Image ReferenceRender(const std::vector<int>& ks, KernelData kd) {
+// The frame-stack loop on the CPU reference device over `count` clip frames
+// back from `newest`; at the start of the clip the oldest frame repeats.
+Image ReferenceRender(int newest, int count, KernelData kd) {
   std::vector<std::vector<float>> frames;
-  for (int k : ks) frames.push_back(SwapRB(ClipFrame(k).rgba));
-  std::vector<float> out(static_cast<size_t>(kW) * kH * 4, 0.0f);
+  for (int i = 0; i < count; ++i) frames.push_back(SwapRB(ClipFrame(std::max(newest - i, 0)).rgba));
+  Image img(kW, kH);
   FrameStackJob job;
   for (auto& f : frames) job.frames.push_back({f.data(), kW, kH, kW * 16, 0, 0});
-  job.output = {out.data(), kW, kH, kW * 16, 0, 0};
+  job.output = {img.rgba.data(), kW, kH, kW * 16, 0, 0};
   job.is16f = false;
-  kd.numFrames = static_cast<int>(ks.size());
+  kd.numFrames = count;
   job.kernelData = &kd;
   EXPECT_EQ(CpuRenderFrameStack(CpuLaunchConfig{}, job), 0);
-  Image img(kW, kH);
-  img.rgba = SwapRB(out);
+  img.rgba = SwapRB(img.rgba);
   return img;
 }
 
@@ -67,12 +67,6 @@ float WorstDifference(const Image& a, const Image& b) {
   for (size_t i = 0; i < a.rgba.size(); ++i)
     worst = std::max(worst, std::fabs(a.rgba[i] - b.rgba[i]) / std::max(1.0f, std::fabs(b.rgba[i])));
   return worst;
-}
-
-std::vector<int> Stack(int newest, int frames) {
-  std::vector<int> ks;
-  for (int i = 0; i < frames; ++i) ks.push_back(std::max(newest - i, 0));  // the oldest frame repeats
-  return ks;
 }
 
 // Every pixel of every frame differs; all values are even steps of 1/255, so
@@ -166,7 +160,7 @@ TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
     EXPECT_EQ(r.checkouts.size(), static_cast<size_t>(frames));
     EXPECT_EQ(r.effectWorldsLeft, 0u);
     EXPECT_EQ(r.worldsNotCheckedIn, 0u);
-    EXPECT_LE(WorstDifference(r.output, ReferenceRender(Stack(s.newest, frames), kd)), kTolerance);
+    EXPECT_LE(WorstDifference(r.output, ReferenceRender(s.newest, frames, kd)), kTolerance);
     if (s.id) Set(s.id, s.dephault);
   }
   EXPECT_EQ(LogCount("Reached a last NULL frame at #3 frame."), 1u);
@@ -358,8 +352,7 @@ TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
     HostOptions options;
     options.applId = row.applId;
     AeHost& host = ClipHost(options);
-    DeviceOptions device;
-    ASSERT_EQ(host.SetUp(&device), PF_Err_NONE);
+    SetUpGpu();
     ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
     if (!row.keepDevice) {
       ASSERT_EQ(host.SetdownDevice(), PF_Err_NONE);
