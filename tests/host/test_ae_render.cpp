@@ -381,8 +381,7 @@ TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
     host.Options().beforeCommand = [](PF_Cmd, PF_InData&, PF_OutData& out) {
       out.out_flags2 = PF_OutFlag2_SUPPORTS_THREADED_RENDERING;
     };
-    ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-    ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
+    ASSERT_EQ(host.SetUp(nullptr), PF_Err_NONE);  // global and parameter set-up
     const size_t handles = host.LiveHandleCount();
     const bool ok = whatGpu < 0;
     EXPECT_EQ(host.SetupDevice({"opencl", whatGpu}), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
