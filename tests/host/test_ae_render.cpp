@@ -105,6 +105,7 @@ class AeRender : public ModuleHostTest {
     options.rowPaddingBytes = 48;  // worlds with a pitch wider than the frame
     ClipHost(options);
   }
+  // A fresh host holding clip frames 0..11.
   AeHost& ClipHost(HostOptions options = {}) {
     AeHost& host = NewHost(std::move(options));
     for (int k = 0; k < 12; ++k) host.AddFrame(host.FrameTime(k), ClipFrame(k));
