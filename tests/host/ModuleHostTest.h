@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include "AeHost.h"
@@ -17,12 +17,6 @@
 inline std::string ModulePath() {
   const char* path = std::getenv("TD_MODULE_PATH");
   return path ? path : TD_MODULE_PATH;
-}
-
-inline size_t Count(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
 }
 
 class ModuleHostTest : public ::testing::Test {
@@ -43,11 +37,14 @@ class ModuleHostTest : public ::testing::Test {
   }
   std::string Log() const {
     std::ifstream in(tmp_ + "/Harbour Lantern Lab/com.hll.tremordistiller.log");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
   }
-  size_t LogCount(const std::string& needle) const { return Count(Log(), needle); }
+  size_t LogCount(const std::string& needle) const {
+    const std::string log = Log();
+    size_t n = 0;
+    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
+    return n;
+  }
 
   std::string tmp_;
   std::unique_ptr<aehost::AeHost> host_;

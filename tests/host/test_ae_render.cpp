@@ -1,11 +1,13 @@
-// Whole frames through the built module, loaded and driven by the stand-in
-// After Effects host on OpenCL (PoCL here), against the frame-stack loop on
-// the CPU reference device given the same stack.
+// The built module, loaded and driven by the stand-in After Effects host on
+// OpenCL (PoCL here): whole frames against the frame-stack loop on the CPU
+// reference device given the same stack; the host's own duties (loading
+// errors, frames outside the clip, the upload cache, padded worlds, the call
+// log); the device set-up, the software path's answers and failed renders.
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <iterator>
 #include <map>
-#include <set>
 
 #include "CpuRender.h"
 #include "Device.h"
@@ -14,9 +16,8 @@
 
 namespace {
 
-using aehost::Image;
-using aehost::RenderPath;
-using aehost::RenderResult;
+using namespace aehost;
+namespace fs = std::filesystem;
 
 constexpr int kW = 64, kH = 32;  // powers of two: own-pixel reads agree across forms
 constexpr float kTolerance = 1e-4f;
@@ -44,20 +45,20 @@ std::vector<float> SwapRB(std::vector<float> px) {
   return px;
 }
 
-// The frame-stack loop on the CPU reference device over clip frames `ks` (newest first).
-Image ReferenceRender(const std::vector<int>& ks, KernelData kd) {
+// The frame-stack loop on the CPU reference device over `count` clip frames
+// back from `newest`; at the start of the clip the oldest frame repeats.
+Image ReferenceRender(int newest, int count, KernelData kd) {
   std::vector<std::vector<float>> frames;
-  for (int k : ks) frames.push_back(SwapRB(ClipFrame(k).rgba));
-  std::vector<float> out(static_cast<size_t>(kW) * kH * 4, 0.0f);
+  for (int i = 0; i < count; ++i) frames.push_back(SwapRB(ClipFrame(std::max(newest - i, 0)).rgba));
+  Image img(kW, kH);
   FrameStackJob job;
   for (auto& f : frames) job.frames.push_back({f.data(), kW, kH, kW * 16, 0, 0});
-  job.output = {out.data(), kW, kH, kW * 16, 0, 0};
+  job.output = {img.rgba.data(), kW, kH, kW * 16, 0, 0};
   job.is16f = false;
-  kd.numFrames = static_cast<int>(ks.size());
+  kd.numFrames = count;
   job.kernelData = &kd;
   EXPECT_EQ(CpuRenderFrameStack(CpuLaunchConfig{}, job), 0);
-  Image img(kW, kH);
-  img.rgba = SwapRB(out);
+  img.rgba = SwapRB(img.rgba);
   return img;
 }
 
@@ -68,23 +69,50 @@ float WorstDifference(const Image& a, const Image& b) {
   return worst;
 }
 
-std::vector<int> Stack(int newest, int frames) {
-  std::vector<int> ks;
-  for (int i = 0; i < frames; ++i) ks.push_back(std::max(newest - i, 0));  // the oldest frame repeats
-  return ks;
+// Every pixel of every frame differs; all values are even steps of 1/255, so
+// 8-bit worlds hold them and their halves exactly.
+Image MakeFrame(int k, A_long w = 24, A_long h = 8) {
+  Image img(w, h);
+  for (A_long y = 0; y < h; ++y)
+    for (A_long x = 0; x < w; ++x) {
+      float* p = img.At(x, y);
+      p[0] = static_cast<float>(2 * ((x + 3 * k) % 128)) / 255.0f;
+      p[1] = static_cast<float>(2 * y) / 255.0f;
+      p[2] = static_cast<float>(2 * k) / 255.0f;
+      p[3] = static_cast<float>(128 + 2 * k) / 255.0f;
+    }
+  return img;
+}
+
+// What the effect's software path makes of a frame: colour halved, alpha kept.
+Image Halved(Image img) {
+  for (size_t i = 0; i < img.rgba.size(); ++i)
+    if (i % 4 != 3) img.rgba[i] *= 0.5f;
+  return img;
+}
+
+size_t IndexOf(const std::vector<CallRecord>& log, const std::string& op, size_t from = 0) {
+  for (size_t i = from; i < log.size(); ++i)
+    if (log[i].op == op) return i;
+  return log.size();
 }
 
 class AeRender : public ModuleHostTest {
  protected:
   void SetUp() override {
     ModuleHostTest::SetUp();
-    aehost::HostOptions options;
+    HostOptions options;
     options.rowPaddingBytes = 48;  // worlds with a pitch wider than the frame
-    NewHost(options);
-    for (int k = 0; k < 12; ++k) host_->AddFrame(host_->FrameTime(k), ClipFrame(k));
+    ClipHost(options);
+  }
+  // A fresh host holding clip frames 0..11.
+  AeHost& ClipHost(HostOptions options = {}) {
+    AeHost& host = NewHost(std::move(options));
+    for (int k = 0; k < 12; ++k) host.AddFrame(host.FrameTime(k), ClipFrame(k));
+    return host;
   }
   void SetUpGpu(const std::string& kind = "opencl") {
-    aehost::DeviceOptions device;
+    DeviceOptions device;
     device.device = kind;
     ASSERT_EQ(host_->SetUp(&device), 0);
     ASSERT_TRUE(host_->GpuReady());
@@ -93,6 +121,8 @@ class AeRender : public ModuleHostTest {
 };
 
 class AeRenderDevices : public AeRender, public ::testing::WithParamInterface<std::string> {};
+class AeHostTest : public AeRender {};
+class EffectHosted : public AeRender {};
 
 TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
   try {
@@ -106,8 +136,10 @@ TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
     A_long id;
     double value, dephault;
     std::function<void(KernelData&)> apply;
+    int newest = 11;
   } settings[] = {
       {0, 0, 0, [](KernelData&) {}},
+      {0, 0, 0, [](KernelData&) {}, 3},  // the start of the clip: the oldest frame repeats
       {19, 2, 1, [](KernelData& kd) { kd.blendMode = BLEND_SCREEN; }},
       {20, 2, 1, [](KernelData& kd) { kd.diffMode = DIFF_SUBT; }},
       {23, 2, 1, [](KernelData& kd) { kd.output = static_cast<ColorFrom>(2); }},
@@ -124,28 +156,19 @@ TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
     s.apply(kd);
     if (s.id) Set(s.id, s.value);
     const int frames = s.id == 5 ? 3 : 10;
-    const RenderResult r = host_->Render(host_->FrameTime(11), RenderPath::SmartGPU);
+    const RenderResult r = host_->Render(host_->FrameTime(s.newest), RenderPath::SmartGPU);
     ASSERT_EQ(r.result, 0);
     EXPECT_EQ(r.checkouts.size(), static_cast<size_t>(frames));
     EXPECT_EQ(r.effectWorldsLeft, 0u);
     EXPECT_EQ(r.worldsNotCheckedIn, 0u);
-    EXPECT_LE(WorstDifference(r.output, ReferenceRender(Stack(11, frames), kd)), kTolerance);
+    EXPECT_LE(WorstDifference(r.output, ReferenceRender(s.newest, frames, kd)), kTolerance);
     if (s.id) Set(s.id, s.dephault);
   }
+  EXPECT_EQ(LogCount("Reached a last NULL frame at #3 frame."), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(, AeRenderDevices, ::testing::Values("opencl", "cuda"),
                          [](const auto& info) { return info.param; });
-
-TEST_F(AeRender, StartOfClipRepeatsTheOldestFrameAndSaysSoOnce) {
-  SetUpGpu();
-  const RenderResult r = host_->Render(host_->FrameTime(3), RenderPath::SmartGPU);
-  ASSERT_EQ(r.result, 0);
-  ASSERT_EQ(r.checkouts.size(), 10u);
-  for (const auto& c : r.checkouts) EXPECT_EQ(c.checkins, 1) << c.checkoutIdx;
-  EXPECT_LE(WorstDifference(r.output, ReferenceRender(Stack(3, 10), DefaultKernelData())), kTolerance);
-  EXPECT_EQ(LogCount("Reached a last NULL frame at #3 frame."), 1u);
-}
 
 TEST_F(AeRender, ThreadedRendersEqualSerialOnesAndKeepTheirOwnCallbacks) {
   SetUpGpu();
@@ -153,51 +176,269 @@ TEST_F(AeRender, ThreadedRendersEqualSerialOnesAndKeepTheirOwnCallbacks) {
   for (int k : {11, 10, 9, 8, 11, 10}) times.push_back(host_->FrameTime(k));
   std::vector<Image> serial;
   for (A_long t : times) serial.push_back(host_->Render(t, RenderPath::SmartGPU).output);
-  EXPECT_EQ(host_->UploadCount(), 12u);  // frames 0..11, each once
   host_->ResetUploadCount();
   host_->ClearCallLog();
   const auto threaded = host_->RenderMany(times, 3, RenderPath::SmartGPU);
-  EXPECT_EQ(host_->UploadCount(), 0u);
+  EXPECT_EQ(host_->UploadCount(), 0u);  // the serial renders left every frame in the cache
   std::map<uint64_t, std::pair<int, int>> perRender;  // bookings, check-ins
   for (const auto& c : host_->CallLog()) {
     perRender[c.renderId].first += c.op == "checkout_layer";
     perRender[c.renderId].second += c.op == "checkin_layer_pixels";
   }
-  std::set<uint64_t> ids;
   for (size_t i = 0; i < times.size(); ++i) {
     ASSERT_EQ(threaded[i].result, 0);
-    EXPECT_EQ(threaded[i].time, times[i]);
     EXPECT_EQ(threaded[i].output.rgba, serial[i].rgba) << i;
+    // Shared render ids would add their counts up.
     EXPECT_EQ(perRender[threaded[i].renderId], std::make_pair(10, 10)) << i;
-    ids.insert(threaded[i].renderId);
   }
-  EXPECT_EQ(ids.size(), times.size());
   EXPECT_NE(serial[0].rgba, serial[1].rgba);
 }
 
-TEST_F(AeRender, FailuresKeepCheckInsAndReachTheHostWithTheirTexts) {
-  SetUpGpu();
-  // Only the third fetch fails; the render stops there and still checks every frame in.
-  host_->FailOperation("checkout_layer_pixels", PF_Err_OUT_OF_MEMORY, 3);
-  RenderResult r = host_->Render(host_->FrameTime(11), RenderPath::SmartGPU);
-  EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
-  EXPECT_EQ(r.render.result, PF_Err_OUT_OF_MEMORY);
-  ASSERT_EQ(r.checkouts.size(), 10u);
-  EXPECT_EQ(r.checkouts[1].pixelCheckouts, 1);
-  EXPECT_EQ(r.checkouts[2].pixelCheckouts, 0);
-  for (const auto& c : r.checkouts) EXPECT_EQ(c.checkins, 1) << c.checkoutIdx;
-  EXPECT_EQ(r.effectWorldsLeft, 0u);
-  // Counted from when it was set, it does not fire again.
-  EXPECT_EQ(host_->Render(host_->FrameTime(11), RenderPath::SmartGPU).result, 0);
-  host_->ClearInjections();
+TEST_F(AeHostTest, LoadFailuresNameWhatIsMissingOnOneLine) {
+  std::ifstream in(fs::path(ModulePath()).replace_extension(".pipl"), std::ios::binary);
+  const std::string pipl((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string renamed = pipl;
+  ASSERT_NE(renamed.find("EffectMain"), std::string::npos);
+  renamed.replace(renamed.find("EffectMain"), 10, "EffectMaix");  // an entry point the module does not export
+  // A copy of the module in a folder of its own, with `list` as its property list (none when empty).
+  auto stage = [&](const std::string& name, const std::string& list) {
+    fs::create_directories(fs::path(tmp_) / name);
+    fs::copy_file(ModulePath(), fs::path(tmp_) / name / "effect.so");
+    if (!list.empty()) std::ofstream(fs::path(tmp_) / name / "effect.pipl", std::ios::binary) << list;
+    return (fs::path(tmp_) / name / "effect.so").string();
+  };
+  auto message = [](const std::function<void()>& load) {
+    try {
+      load();
+    } catch (const HostError& e) {
+      return std::string(e.what());
+    }
+    return std::string("no error");
+  };
+  const std::string intact = stage("intact", pipl);
+  HostOptions badPadding;
+  badPadding.rowPaddingBytes = 8;  // rows of 16-byte pixels could not be addressed in pixels
+  EXPECT_EQ(message([&] { AeHost h(intact); }), "no error");  // the staging itself is sound
+  const std::pair<std::string, const char*> cases[] = {
+      {message([] { AeHost h("/no/such/folder/effect.so"); }), "/no/such/folder/effect.so"},
+      {message([&] { AeHost h(stage("renamed", renamed)); }), "has no export EffectMaix"},
+      {message([&] { AeHost h(stage("bare", "")); }), "effect.pipl"},
+      {message([&] { AeHost h(stage("truncated", pipl.substr(0, pipl.size() - 4))); }), "property list"},
+      {message([&] { AeHost h(intact, badPadding); }), "multiple of 16"},
+  };
+  for (const auto& [text, names] : cases) {
+    EXPECT_NE(text.find(names), std::string::npos) << text;
+    EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+  }
+}
 
-  host_->RemoveSuite("PF World Suite");
-  r = host_->Render(host_->FrameTime(11), RenderPath::SmartGPU);
+// The host's fetch gives no world and no error; the software path refuses the frame.
+TEST_F(AeHostTest, TimeOutsideTheClipGivesANullWorldTheSoftwarePathRefuses) {
+  ASSERT_EQ(host_->SetUp(nullptr), PF_Err_NONE);
+  // One step past the last frame; the nine before it lie in the clip.
+  const RenderResult r = host_->Render(host_->FrameTime(12), RenderPath::SmartSoftware);
+  EXPECT_EQ(r.result, PF_Err_INTERNAL_STRUCT_DAMAGED);
+  EXPECT_EQ(LogCount(":RenderCPU] :: Input or Output data is unavailable\n"), 1u) << Log();
+  ASSERT_EQ(r.checkouts.size(), 10u);
+  EXPECT_FALSE(r.checkouts[0].hasFrame);
+  EXPECT_EQ(r.checkouts[0].pixelCheckouts, 1);
+  EXPECT_EQ(r.checkouts[0].checkins, 1);
+  EXPECT_EQ(r.checkouts[1].frameTime, host_->FrameTime(11));
+}
+
+TEST_F(AeHostTest, RendersUploadOnlyFramesNotUploadedBeforeAndSeeReplacedOnes) {
+  SetUpGpu();
+  AeHost& host = *host_;
+  const RenderResult first = host.Render(host.FrameTime(11));
+  ASSERT_EQ(first.result, PF_Err_NONE);
+  EXPECT_EQ(first.uploads, 10u);
+  const RenderResult again = host.Render(host.FrameTime(11));
+  EXPECT_EQ(again.uploads, 0u);
+  EXPECT_EQ(again.output.rgba, first.output.rgba);
+  EXPECT_EQ(host.Render(host.FrameTime(10)).uploads, 1u);  // frame 1
+  EXPECT_EQ(host.UploadCount(), 11u);
+
+  host.AddFrame(host.FrameTime(11), ClipFrame(0));
+  const RenderResult replaced = host.Render(host.FrameTime(11));
+  EXPECT_EQ(replaced.uploads, 1u);
+  EXPECT_NE(replaced.output.rgba, first.output.rgba);
+  // The new pixels are the ones the effect saw: a render from a cold cache agrees.
+  host.ClearFrameCache();
+  const RenderResult cold = host.Render(host.FrameTime(11));
+  EXPECT_EQ(cold.uploads, 10u);
+  EXPECT_EQ(cold.output.rgba, replaced.output.rgba);
+}
+
+// Formats the effect cannot render are logged and leave the output alone.
+TEST_F(AeHostTest, SoftwareRendersOnThreadsCarryPaddedFramesOrLogAnUnknownFormat) {
+  const struct {
+    A_long applId;
+    PF_PixelFormat format;  // 0: float
+    std::string error;      // the software path's log line, if any
+  } rows[] = {{kApplIdAfterEffects, 0, ""},
+              {kApplIdAfterEffects, PF_PixelFormat_ARGB32, ""},
+              {kApplIdAfterEffects, PF_FourCharCode("Bgra"), "Wrong bitdepth: 0\n"},
+              {kApplIdPremiere, PF_FourCharCode("v210"), "Wrong bitdepth: 10\n"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.format);
+    HostOptions options;
+    options.applId = row.applId;
+    options.rowPaddingBytes = 48;
+    options.softwareFormat = row.format;
+    AeHost& host = NewHost(options);
+    ASSERT_EQ(host.SetUp(nullptr), PF_Err_NONE);
+    std::vector<A_long> times;
+    for (int k = 2; k < 12; ++k) {
+      host.AddFrame(host.FrameTime(k), MakeFrame(k));
+      times.push_back(host.FrameTime(k));
+    }
+    const auto results = host.RenderMany(times, 4, RenderPath::SmartSoftware);
+    for (size_t i = 0; i < results.size(); ++i) {
+      const bool known = row.error.empty();
+      EXPECT_EQ(results[i].result, known ? PF_Err_NONE : PF_Err_BAD_CALLBACK_PARAM);
+      EXPECT_EQ(results[i].output.rgba, (known ? Halved(MakeFrame(static_cast<int>(i) + 2)) : Image(24, 8)).rgba) << i;
+    }
+    EXPECT_EQ(LogCount(":RenderCPU] :: " + row.error), row.error.empty() ? 0u : times.size()) << Log();
+  }
+}
+
+TEST_F(AeHostTest, CommandsAndCallbacksOfARenderAreLoggedInOrder) {
+  SetUpGpu();
+  AeHost& host = *host_;
+  const RenderResult r = host.Render(host.FrameTime(11));
+  ASSERT_EQ(r.result, PF_Err_NONE);
+  host.SetDown();
+  std::vector<PF_Cmd> sent;
+  for (const auto& c : host.Commands()) sent.push_back(c.cmd);
+  EXPECT_EQ(sent, (std::vector<PF_Cmd>{PF_Cmd_GLOBAL_SETUP, PF_Cmd_PARAMS_SETUP, PF_Cmd_GPU_DEVICE_SETUP,
+                                       PF_Cmd_SMART_PRE_RENDER, PF_Cmd_SMART_RENDER_GPU, PF_Cmd_GPU_DEVICE_SETDOWN,
+                                       PF_Cmd_GLOBAL_SETDOWN}));
+  const auto log = host.CallLog();
+  const size_t pre = IndexOf(log, "PF_Cmd_SMART_PRE_RENDER");
+  const size_t render = IndexOf(log, "PF_Cmd_SMART_RENDER_GPU", pre);
+  const size_t freed = IndexOf(log, "delete_pre_render_data_func", render);
+  ASSERT_LT(freed, log.size());
+  std::map<std::string, std::vector<size_t>> at;
+  for (size_t i = pre; i <= freed; ++i) {
+    EXPECT_EQ(log[i].renderId, r.renderId) << log[i].op;
+    at[log[i].op].push_back(i);
+  }
+  for (const char* op : {"checkout_layer", "checkout_layer_pixels", "checkin_layer_pixels"})
+    ASSERT_EQ(at[op].size(), 10u) << op;
+  ASSERT_EQ(at["checkout_output"].size(), 1u);
+  EXPECT_LT(at["checkout_layer"].back(), render);  // booked in pre-render
+  EXPECT_LT(render, at["checkout_layer_pixels"].front());
+  EXPECT_LT(render, at["checkout_output"].front());
+  EXPECT_LT(at["checkout_layer_pixels"].back(), at["checkin_layer_pixels"].front());
+  // Nothing the host lent is left after set-down.
+  EXPECT_EQ(host.LiveHandleCount(), 0u);
+  EXPECT_EQ(host.LiveGpuWorldCount(), 0u);
+}
+
+// The notice is the process's: a GPU frame takes down one that earlier renders
+// raised, and none comes while a device is set up.
+TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
+  const std::string ae = "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only "
+                         "supports GPU acceleration. Go in File > Project Settings";
+  const std::string select = " and select 'Mercury GPU Acceleration'";
+  const struct {
+    A_long applId;
+    bool keepDevice;
+    std::string notice;
+  } rows[] = {{kApplIdAfterEffects, false, ae + select},
+              {kApplIdPremiere, false, ae + " > General" + select},
+              {kApplIdAfterEffects, true, ""}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.notice);
+    HostOptions options;
+    options.applId = row.applId;
+    AeHost& host = ClipHost(options);
+    SetUpGpu();
+    ASSERT_EQ(host.Render(host.FrameTime(0), RenderPath::SmartGPU).result, PF_Err_NONE);
+    if (!row.keepDevice) {
+      ASSERT_EQ(host.SetdownDevice(), PF_Err_NONE);
+    }
+    std::vector<std::string> messages;
+    for (int frame = 1; frame <= 3; ++frame) {
+      const RenderResult r = host.Render(host.FrameTime(frame), RenderPath::SmartSoftware);
+      ASSERT_EQ(r.result, PF_Err_NONE);
+      EXPECT_EQ(r.output.rgba, Halved(ClipFrame(frame)).rgba);
+      EXPECT_EQ((r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE) != 0, !r.render.return_msg.empty());
+      EXPECT_EQ(r.checkouts[1].pixelCheckouts, 0);  // the software path fetches one frame
+      messages.push_back(r.render.return_msg);
+    }
+    // On the second software frame of a fresh process, the first of one that had some.
+    EXPECT_TRUE(messages[0].empty() || messages[1].empty());
+    EXPECT_EQ(messages[0] + messages[1], row.notice);
+    EXPECT_EQ(messages[2], "");
+  }
+}
+
+TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
+  // what_gpu -1 is the device's own framework; 2 (Metal) and 0 (none) are refused.
+  for (A_long whatGpu : {-1, 2, 0}) {
+    SCOPED_TRACE(whatGpu);
+    AeHost& host = ClipHost();
+    host.Options().beforeCommand = [](PF_Cmd, PF_InData&, PF_OutData& out) {
+      out.out_flags2 = PF_OutFlag2_SUPPORTS_THREADED_RENDERING;
+    };
+    ASSERT_EQ(host.SetUp(nullptr), PF_Err_NONE);  // global and parameter set-up
+    const size_t handles = host.LiveHandleCount();
+    const bool ok = whatGpu < 0;
+    EXPECT_EQ(host.SetupDevice({"opencl", whatGpu}), ok ? PF_Err_NONE : PF_Err_INTERNAL_STRUCT_DAMAGED);
+    const auto setup = host.LastCommand(PF_Cmd_GPU_DEVICE_SETUP);
+    EXPECT_NE(setup->out_flags & PF_OutFlag_REFRESH_UI, 0);
+    EXPECT_EQ(setup->out_flags2, ok ? 0x02000000 : PF_OutFlag2_SUPPORTS_THREADED_RENDERING);  // replaced, not or-ed
+    EXPECT_EQ(host.GpuData() != nullptr, ok);
+    EXPECT_EQ(host.LiveHandleCount(), handles + ok);
+    if (whatGpu == 0) {
+      EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_INTERNAL_STRUCT_DAMAGED);
+      EXPECT_EQ(LogCount(":SmartRenderGPU] :: Something wrong with GPU\n"), 1u) << Log();
+    }
+    // Set-down frees the handle, and disposes nothing when there is none.
+    host.ClearCallLog();
+    EXPECT_EQ(host.SetdownDevice(), PF_Err_NONE);
+    EXPECT_EQ(host.LiveHandleCount(), handles);
+    int disposed = 0;
+    for (const auto& call : host.CallLog()) disposed += call.op == "host_dispose_handle";
+    EXPECT_EQ(disposed, ok ? 1 : 0);
+  }
+}
+
+// Whichever host operation fails mid-render, the render stops there, checks
+// every frame in and gives the scratch worlds made so far back; the host gets
+// the code, and for a missing suite a text to show.
+TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
+  SetUpGpu();
+  AeHost& host = *host_;
+  const struct {
+    const char* op;
+    int nth;
+  } failures[] = {{"CreateGPUWorld", 1}, {"CreateGPUWorld", 2}, {"CreateGPUWorld", 3},
+                  {"GetGPUWorldData", 3}, {"checkout_layer_pixels", 4}, {"checkout_output", 1}};
+  for (const auto& f : failures) {
+    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth);
+    host.ClearInjections();
+    host.ClearCallLog();
+    host.FailOperation(f.op, PF_Err_OUT_OF_MEMORY, f.nth);
+    const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
+    EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
+    EXPECT_EQ(r.effectWorldsLeft, 0u);
+    EXPECT_EQ(r.worldsNotCheckedIn, 0u);
+    int calls = 0;
+    for (const auto& call : host.CallLog()) calls += call.op == f.op;
+    EXPECT_EQ(calls, f.nth);
+    // Counted from when it was set, it does not fire again.
+    EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_NONE);
+  }
+  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 6u) << Log();
+  host.ClearInjections();
+  host.RemoveSuite("PF World Suite");
+  const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
   EXPECT_EQ(r.result, 13);
   EXPECT_EQ(r.render.return_msg, "Not able to acquire AEFX Suite.");
   EXPECT_TRUE(r.render.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
-  EXPECT_EQ(LogCount("PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)"), 1u);
-  EXPECT_EQ(LogCount("Try Catch Exception code at event PF_Cmd_SMART_RENDER_GPU is PF_Err?UNKNOWN (13)"), 1u);
+  EXPECT_EQ(LogCount("Try Catch Exception code at event PF_Cmd_SMART_RENDER_GPU is PF_Err?UNKNOWN (13)\n"), 1u);
 }
 
 }  // namespace

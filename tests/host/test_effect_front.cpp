@@ -56,9 +56,7 @@ TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
   EXPECT_EQ(host_->ParamsSetup(), PF_Err_BAD_CALLBACK_PARAM);
   EXPECT_TRUE(host_->Params().empty());
   EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Exception code at event PF_Cmd_PARAMS_SETUP is "
-                     "PF_Err_BAD_CALLBACK_PARAM (516)\n"),
-            1u)
-      << Log();
+                     "PF_Err_BAD_CALLBACK_PARAM (516)\n"), 1u) << Log();
   host_->ClearInjections();
 
   // Anything else thrown becomes 512, and the suites still go back.
@@ -69,9 +67,8 @@ TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
     };
   };
   EXPECT_EQ(host_->ParamsSetup(), PF_Err_INTERNAL_STRUCT_DAMAGED);
-  EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Exception at event PF_Cmd_PARAMS_SETUP. Error is "
-                     "Parameter with given Disk ID not found\n"),
-            1u);
+  EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Exception at event PF_Cmd_PARAMS_SETUP. Error is Parameter with given"
+                     " Disk ID not found\n"), 1u);
   host_->Options().beforeCommand = [](PF_Cmd, PF_InData& in, PF_OutData&) {
     in.inter.register_ui = [](PF_ProgPtr, PF_CustomUIInfo*) -> PF_Err { throw 3.5; };
   };
@@ -80,6 +77,14 @@ TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
   int held = 0;
   for (const auto& call : host_->CallLog()) held += (call.op == "AcquireSuite" && !call.result) - (call.op == "ReleaseSuite");
   EXPECT_EQ(held, 0);
+
+  // A refused parameter stops registration at once.
+  NewHost().FailOperation("add_param", PF_Err_OUT_OF_MEMORY, 3);
+  ASSERT_EQ(host_->GlobalSetup(), PF_Err_NONE);
+  EXPECT_EQ(host_->ParamsSetup(), PF_Err_OUT_OF_MEMORY);
+  EXPECT_EQ(host_->Params().size(), 2u);
+  EXPECT_EQ(host_->LastCommand(PF_Cmd_PARAMS_SETUP)->num_params, 0);
+  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_PARAMS_SETUP. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 1u) << Log();
 }
 
 TEST_F(EffectFront, GlobalSetupKeepsTheHostsFlagsAndSaysWhichHost) {
@@ -147,46 +152,34 @@ TEST_F(EffectFront, MissingPictureIsToldButDoesNotFailSetup) {
   EXPECT_EQ(host.LiveHandleCount(), 0u);
 }
 
+// A refused custom UI is reported at the end; the rows still go in.
 TEST_F(EffectFront, ParamsSetupAddsTheTableInOrderAndTheHostKeepsTheNames) {
-  AeHost& host = NewHost();
-  ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-  ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
-  EXPECT_EQ(host.LastCommand(PF_Cmd_PARAMS_SETUP)->num_params, 11);
-  ASSERT_TRUE(host.CustomUI());
-  EXPECT_EQ(host.CustomUI()->events, 7);
-  const std::vector<aehost::ParamInfo> params = host.Params();
-  std::vector<A_long> ids;
-  for (const auto& p : params) {
-    ids.push_back(p.def.uu.id);
-    EXPECT_EQ(p.requestedIndex, -1);
+  for (const bool refuseUi : {false, true}) {
+    SCOPED_TRACE(refuseUi ? "custom UI refused" : "custom UI taken");
+    AeHost& host = NewHost();
+    if (refuseUi) host.FailOperation("register_ui", PF_Err_INVALID_CALLBACK);
+    ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
+    EXPECT_EQ(host.ParamsSetup(), refuseUi ? PF_Err_INVALID_CALLBACK : PF_Err_NONE);
+    EXPECT_EQ(host.LastCommand(PF_Cmd_PARAMS_SETUP)->num_params, 11);
+    EXPECT_EQ(host.CustomUI().value_or(PF_CustomUIInfo{}).events, refuseUi ? 0 : 7);  // kept only when taken
+    const std::vector<aehost::ParamInfo> params = host.Params();
+    std::vector<A_long> ids;
+    for (const auto& p : params) {
+      ids.push_back(p.def.uu.id);
+      EXPECT_EQ(p.requestedIndex, -1);
+    }
+    ASSERT_EQ(ids, (std::vector<A_long>{1, 5, 6, 12, 19, 20, 22, 21, 24, 23}));
+    EXPECT_EQ(params[0].def.ui_flags, PF_PUI_CONTROL | PF_PUI_DONT_ERASE_CONTROL);
+    const PF_ParamDef& fade = params[3].def;
+    EXPECT_EQ(fade.ui_flags, 0);  // the row's 1 is display_flags, not ui_flags
+    EXPECT_EQ(fade.u.fs_d.display_flags, PF_ValueDisplayFlag_PERCENT);
+    EXPECT_EQ(fade.u.fs_d.precision, 2);
+    // Popup and checkbox texts outlive the effect's buffers.
+    EXPECT_EQ(*params[9].names, "Motion|Source|Luma");
+    EXPECT_EQ(params[9].def.u.pd.num_choices, 3);
+    EXPECT_EQ(*params[4].names, "Add|Screen");
+    EXPECT_EQ(*params[6].names + std::to_string(params[6].def.u.bd.value), "0");  // no text, off
   }
-  ASSERT_EQ(ids, (std::vector<A_long>{1, 5, 6, 12, 19, 20, 22, 21, 24, 23}));
-  EXPECT_EQ(params[0].def.ui_flags, PF_PUI_CONTROL | PF_PUI_DONT_ERASE_CONTROL);
-  const PF_ParamDef& fade = params[3].def;
-  EXPECT_EQ(fade.ui_flags, 0);  // the row's 1 is display_flags, not ui_flags
-  EXPECT_EQ(fade.u.fs_d.display_flags, PF_ValueDisplayFlag_PERCENT);
-  EXPECT_EQ(fade.u.fs_d.precision, 2);
-  // Popup and checkbox texts outlive the effect's buffers.
-  EXPECT_EQ(*params[9].names, "Motion|Source|Luma");
-  EXPECT_EQ(params[9].def.u.pd.num_choices, 3);
-  EXPECT_EQ(*params[4].names, "Add|Screen");
-  EXPECT_EQ(*params[6].names + std::to_string(params[6].def.u.bd.value), "0");  // no text, off
-}
-
-TEST_F(EffectFront, RegistrationFailures) {
-  // A refused custom UI is reported at the end; the rows still go in.
-  NewHost().FailOperation("register_ui", PF_Err_INVALID_CALLBACK);
-  ASSERT_EQ(host_->GlobalSetup(), PF_Err_NONE);
-  EXPECT_EQ(host_->ParamsSetup(), PF_Err_INVALID_CALLBACK);
-  EXPECT_EQ(host_->Params().size(), 10u);
-  EXPECT_EQ(host_->LastCommand(PF_Cmd_PARAMS_SETUP)->num_params, 11);
-  // A refused parameter stops registration at once.
-  NewHost().FailOperation("add_param", PF_Err_OUT_OF_MEMORY, 3);
-  ASSERT_EQ(host_->GlobalSetup(), PF_Err_NONE);
-  EXPECT_EQ(host_->ParamsSetup(), PF_Err_OUT_OF_MEMORY);
-  EXPECT_EQ(host_->Params().size(), 2u);
-  EXPECT_EQ(host_->LastCommand(PF_Cmd_PARAMS_SETUP)->num_params, 0);
-  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_PARAMS_SETUP. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 1u) << Log();
 }
 
 TEST(ModuleResources, FoundOnlyInTheModuleThatHoldsThem) {
