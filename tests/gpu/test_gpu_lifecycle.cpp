@@ -258,9 +258,12 @@ TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeedsAndStopsAtTheFirstFailure
     EXPECT_EQ(FakeCL::Count("enqueue ResizeKernel"), row.resizes);
     EXPECT_EQ(FakeCL::Count("enqueue MainKernel"), row.mains);
     EXPECT_EQ(FakeCL::Count("setKernelArg"), row.setArgs);
-    if (row.mains) EXPECT_EQ(FakeCL::calls.back(), "enqueue MainKernel");
-    for (size_t i = 0; i < FakeCL::argIndices.size(); ++i)  // each kernel's arguments in order from 0
+    if (row.mains) {
+      EXPECT_EQ(FakeCL::calls.back(), "enqueue MainKernel");
+    }
+    for (size_t i = 0; i < FakeCL::argIndices.size(); ++i) {  // each kernel's arguments in order from 0
       EXPECT_EQ(FakeCL::argIndices[i], row.resizes && i < 11 * row.resizes ? i % 11 : (i - 11 * row.resizes) % 12);
+    }
     EXPECT_EQ(FakeCL::buffersLive, 0);  // the parameter copy is released on every way out
   }
   EXPECT_EQ(log_.Count(":GPURender] :: OpenCL Assert: Code: 0xFFFFFFCE (Invalid argument value)"), 1u);

@@ -127,7 +127,8 @@ TEST_F(LogTest, UnopenableLogFileGoesToCerrAndALaterPathGetsErrorRecords) {
   const std::string later = (root_ / "later.log").string();
   later.copy(GetLogPaths().logFile, later.size());
   std::ostringstream stream;
-  const int line = __LINE__; stream << LOG_ERROR_LINE << "clBuildProgram failed: " << -11;  // same line
+  const int line = __LINE__ + 1;
+  stream << LOG_ERROR_LINE << "clBuildProgram failed: " << -11;
   Log(std::move(stream));
   const std::string expected = "HLL :: ERROR [test_logs_controller.cpp:" + std::to_string(line) +
                                ":LogTest_UnopenableLogFileGoesToCerrAndALaterPathGetsErrorRecords_Test::TestBody]"
