@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "CpuRender.h"
+#include "ClipReference.h"
 #include "MediaIO.h"
 
 namespace {
@@ -206,47 +206,21 @@ TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
 
 // ---- EXR in and out against the frame-stack loop on the CPU reference ----
 
-constexpr int kW = 64, kH = 32, kFrames = 14;
+constexpr int kFrames = 14;
 constexpr float kTolerance = 1e-4f;  // as for whole frames through the host
 
-// A band moving right two pixels a frame over a steep ramp (see the host tests
-// for why this content keeps OpenCL and the reference comparable).
-media::Picture ClipFrame(int k) {
-  media::Picture p{kW, kH, {}};
-  for (int y = 0; y < kH; ++y)
-    for (int x = 0; x < kW; ++x) {
-      const bool band = x >= 10 + 2 * k && x < 20 + 2 * k;
-      const float g = 0.1f + 0.012f * x + (band ? 0.05f : 0.0f);
-      p.rgba.insert(p.rgba.end(), {g, 0.9f * g, 0.8f * g + 0.05f, 0.6f + 0.4f * x / kW});
-    }
-  return p;
-}
+media::Picture ClipFrame(int k) { return {kClipW, kClipH, ClipFrameRGBA(k)}; }
 
-std::vector<float> Swap(std::vector<float> v) {  // R,G,B,A <-> B,G,R,A
-  for (size_t i = 0; i < v.size(); i += 4) std::swap(v[i], v[i + 2]);
-  return v;
-}
-
-// Output frame k: frames k, k-1, ... k-9, the missing ones before the clip
-// taking the oldest frame that exists. Luma output and normalize, so that a
-// choice (Luma is the third) and a switch must reach the effect as given.
+// Output frame k with Luma output and normalize, so that a choice (Luma is the
+// third) and a switch must reach the effect as given.
 std::vector<float> Reference(int k) {
-  std::vector<float> out(kW * kH * 4, 0.0f);
   KernelData kd{};
-  kd.numFrames = 10;
   kd.percentEase = 4.0f;
   kd.blendMode = BLEND_ADD;
   kd.diffMode = DIFF_DIFF;
   kd.output = FROM_LUMA;
   kd.normalize = true;
-  FrameStackJob job{{}, {out.data(), kW, kH, kW * 16, 0, 0}, false, &kd};
-  std::vector<std::vector<float>> frames(10);
-  for (int i = 0; i < 10; ++i) {
-    frames[i] = Swap(ClipFrame(std::max(0, k - i)).rgba);
-    job.frames.push_back({frames[i].data(), kW, kH, kW * 16, 0, 0});
-  }
-  EXPECT_EQ(CpuRenderFrameStack(CpuLaunchConfig{}, job), 0);
-  return Swap(out);
+  return ClipReferenceRGBA(k, 10, kd);
 }
 
 TEST_F(TremorRender, ExrOutputEqualsTheReference) {

@@ -12,6 +12,7 @@
 #include "CpuRender.h"
 #include "Device.h"
 #include "ModuleHostTest.h"
+#include "ClipReference.h"
 #include "KernelTestSupport.h"
 
 namespace {
@@ -19,46 +20,17 @@ namespace {
 using namespace aehost;
 namespace fs = std::filesystem;
 
-constexpr int kW = 64, kH = 32;  // powers of two: own-pixel reads agree across forms
 constexpr float kTolerance = 1e-4f;
 
-// A band moving right two pixels a frame over a steep ramp, varying along x
-// only, so flow and displaced reads agree between OpenCL and the reference.
 Image ClipFrame(int k) {
-  Image img(kW, kH);
-  for (int y = 0; y < kH; ++y)
-    for (int x = 0; x < kW; ++x) {
-      const bool band = x >= 10 + 2 * k && x < 20 + 2 * k;
-      const float g = 0.1f + 0.012f * x + (band ? 0.05f : 0.0f);
-      float* p = img.At(x, y);
-      p[0] = g;
-      p[1] = 0.9f * g;
-      p[2] = 0.8f * g + 0.05f;
-      p[3] = 0.6f + 0.4f * x / kW;
-    }
+  Image img(kClipW, kClipH);
+  img.rgba = ClipFrameRGBA(k);
   return img;
 }
 
-// R, G, B, A to B, G, R, A and back: the same swap.
-std::vector<float> SwapRB(std::vector<float> px) {
-  for (size_t i = 0; i < px.size(); i += 4) std::swap(px[i], px[i + 2]);
-  return px;
-}
-
-// The frame-stack loop on the CPU reference device over `count` clip frames
-// back from `newest`; at the start of the clip the oldest frame repeats.
-Image ReferenceRender(int newest, int count, KernelData kd) {
-  std::vector<std::vector<float>> frames;
-  for (int i = 0; i < count; ++i) frames.push_back(SwapRB(ClipFrame(std::max(newest - i, 0)).rgba));
-  Image img(kW, kH);
-  FrameStackJob job;
-  for (auto& f : frames) job.frames.push_back({f.data(), kW, kH, kW * 16, 0, 0});
-  job.output = {img.rgba.data(), kW, kH, kW * 16, 0, 0};
-  job.is16f = false;
-  kd.numFrames = count;
-  job.kernelData = &kd;
-  EXPECT_EQ(CpuRenderFrameStack(CpuLaunchConfig{}, job), 0);
-  img.rgba = SwapRB(img.rgba);
+Image ReferenceRender(int newest, int count, const KernelData& kd) {
+  Image img(kClipW, kClipH);
+  img.rgba = ClipReferenceRGBA(newest, count, kd);
   return img;
 }
 

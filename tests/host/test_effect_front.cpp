@@ -1,14 +1,12 @@
 // The effect's front door through the built module in the stand-in host:
 // command dispatch and its log lines, global set-up and set-down, the about
 // picture and text, parameter registration and the facts hosts ask for.
-#include <Windows.h>
 
 #include <stdexcept>
 #include <vector>
 
 #include "ModuleHostTest.h"
 #include "TremorDistiller.h"
-#include "TremorDistiller_Resources.h"
 
 namespace {
 
@@ -180,22 +178,6 @@ TEST_F(EffectFront, ParamsSetupAddsTheTableInOrderAndTheHostKeepsTheNames) {
     EXPECT_EQ(*params[4].names, "Add|Screen");
     EXPECT_EQ(*params[6].names + std::to_string(params[6].def.u.bd.value), "0");  // no text, off
   }
-}
-
-TEST(ModuleResources, FoundOnlyInTheModuleThatHoldsThem) {
-  HMODULE module = nullptr;
-  ASSERT_TRUE(GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(kAboutImagePng),
-                                 &module));
-  const HRSRC found = FindResourceA(module, MAKEINTRESOURCEA(254), MAKEINTRESOURCEA(255));
-  ASSERT_NE(found, nullptr);
-  EXPECT_EQ(SizeofResource(module, found), kAboutImagePng_size);
-  EXPECT_EQ(LockResource(LoadResource(module, found)), static_cast<const void*>(kAboutImagePng));
-  EXPECT_EQ(FindResourceA(module, MAKEINTRESOURCEA(255), MAKEINTRESOURCEA(254)), nullptr);  // name, type swapped
-  // Another loaded object (the C library, which holds stderr) does not have it.
-  HMODULE libc = nullptr;
-  ASSERT_TRUE(GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(stderr), &libc));
-  EXPECT_NE(libc, module);
-  EXPECT_EQ(FindResourceA(libc, MAKEINTRESOURCEA(254), MAKEINTRESOURCEA(255)), nullptr);
 }
 
 }  // namespace
