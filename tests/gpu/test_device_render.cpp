@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -116,34 +115,6 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
                       is16f ? tol.f16 : tol.f32);
           }
         }
-}
-
-TEST_P(DeviceRender, RendersAreBitIdenticalRunToRunAndAcrossThreads) {
-  Scene scene(Content::Random, 61, 37, 6, std::get<1>(GetParam()), 9, Form());
-  scene.offsets = {{0, 0}, {2, -1}, {0, 0}, {-3, 2}, {0, 0}, {1, 1}};
-  std::vector<KernelData> settings;
-  for (int k = 0; k < 4; ++k) {
-    KernelData kd = DefaultKernelData(scene.numFrames);
-    kd.motion_amp = k & 1;
-    kd.chromatic = (k & 2) != 0;
-    kd.normalize = true;
-    kd.output = k == 3 ? FROM_SOURCE : FROM_MOTION;
-    settings.push_back(kd);
-  }
-  std::vector<std::vector<unsigned char>> serial;
-  for (const KernelData& kd : settings) serial.push_back(RenderOnDevice(scene, kd));
-  for (size_t k = 0; k < settings.size(); ++k) EXPECT_EQ(RenderOnDevice(scene, settings[k]), serial[k]) << k;
-
-  // Renders on one device from several threads share its kernels.
-  std::vector<std::vector<unsigned char>> threaded(settings.size() * 3);
-  std::vector<std::thread> threads;
-  for (size_t t = 0; t < threaded.size(); ++t)
-    threads.emplace_back([&, t] {
-      device_.kind->bindThread(device_);
-      threaded[t] = RenderOnDevice(scene, settings[t % settings.size()]);
-    });
-  for (auto& th : threads) th.join();
-  for (size_t t = 0; t < threaded.size(); ++t) EXPECT_EQ(threaded[t], serial[t % settings.size()]) << t;
 }
 
 INSTANTIATE_TEST_SUITE_P(, DeviceRender,
