@@ -191,15 +191,6 @@ void SetAdapterStandIn(AdapterStandIn mode)
     }
 }
 
-void SetAdapterSourceRoot(const char* root)
-{
-    std::lock_guard<std::mutex> lock(gStateMutex);
-    gState = StandInState{};
-    if (root != nullptr) {
-        gState.root = root;
-    }
-}
-
 unsigned Direct3D9ObjectsAlive()
 {
     return gAlive.load();

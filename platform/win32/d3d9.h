@@ -64,10 +64,6 @@ enum class AdapterStandIn {
 };
 void SetAdapterStandIn(AdapterStandIn mode);
 
-// The system lookup under root instead of /proc, which holds driver/nvidia/...
-// Null: /proc again.
-void SetAdapterSourceRoot(const char* root);
-
 // Objects from Direct3DCreate9 not yet released.
 unsigned Direct3D9ObjectsAlive();
 

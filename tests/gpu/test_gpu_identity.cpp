@@ -114,28 +114,4 @@ TEST_F(GPUIdentityTest, AnAdapterIsLoggedAndNamedShortAndWithoutOneOnlyTheOsLine
   }
 }
 
-// The driver tree: adapter 0 is the lowest bus location; over-long values are cut.
-TEST_F(GPUIdentityTest, DriverTreeGivesTheFirstAdapterInBusOrder) {
-  const fs::path proc = fs::temp_directory_path() / ("td-gpu-id-" + std::to_string(::getpid()));
-  const fs::path gpus = proc / "driver/nvidia/gpus";
-  fs::create_directories(gpus);
-  SetAdapterSourceRoot(proc.c_str());
-  EXPECT_EQ(Direct3DCreate9(D3D_SDK_VERSION), nullptr) << "no GPU folder";
-
-  for (const auto& [bus, model] : {std::pair{"0000:41:00.0", "RTX 3060"}, std::pair{"0000:01:00.0", "RTX 4090"}}) {
-    fs::create_directories(gpus / bus);
-    std::ofstream(gpus / bus / "information")
-        << "Model: \t\t NVIDIA GeForce " << model << "\nIRQ:   \t\t 128\nBus Location: \t " << bus << "\n";
-  }
-  const std::string driver = "NVRM version: Kernel Module  550.54.15 " + std::string(600, 'V');
-  std::ofstream(proc / "driver/nvidia/version") << driver << "\nGCC version:  gcc version 12.2.0\n";
-
-  GPUStatusText text;
-  FillGPUIdentity(text);
-  fs::remove_all(proc);
-  EXPECT_EQ(Records(), (std::vector<std::string>{"GPU DeviceName: 0000:01:00.0", "GPU Driver: " + driver.substr(0, 511),
-                                                 "GPU Description: NVIDIA GeForce RTX 4090",
-                                                 "GPU: RTX 4090, OS: " + os_}));
-}
-
 }  // namespace

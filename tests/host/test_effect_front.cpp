@@ -21,22 +21,6 @@ aehost::HostOptions Premiere() {
 
 class EffectFront : public ModuleHostTest {};
 
-TEST_F(EffectFront, CommandsWithoutWorkAnswerZeroSilently) {
-  AeHost& host = NewHost();
-  ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-  const std::string before = Log();
-  host.ClearCallLog();
-  for (PF_Cmd cmd : std::vector<PF_Cmd>{PF_Cmd_SEQUENCE_SETUP, PF_Cmd_FRAME_SETUP, PF_Cmd_USER_CHANGED_PARAM,
-                                        PF_Cmd_UPDATE_PARAMS_UI, PF_Cmd_GET_FLATTENED_SEQUENCE_DATA, PF_Cmd_NUM_CMDS,
-                                        1000}) {
-    EXPECT_EQ(host.SendCommand(cmd), PF_Err_NONE) << cmd;
-    EXPECT_EQ(host.LastCommand(cmd)->out_flags, 0) << cmd;
-    EXPECT_EQ(host.LastCommand(cmd)->return_msg, "") << cmd;
-  }
-  for (const auto& call : host.CallLog()) EXPECT_EQ(call.kind, aehost::CallRecord::Kind::Command) << call.op;
-  EXPECT_EQ(Log(), before);
-}
-
 TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
   // A returned code: the command and the code by name.
   NewHost().NullOperation("host_new_handle", 1);
