@@ -5,7 +5,6 @@
 
 #include "AeHostInternal.h"
 
-
 namespace aehost {
 
 // ---- Commands ----
@@ -246,8 +245,8 @@ std::optional<A_long> Impl::FrameKeyAt(A_long time) const {
   if (it == frames.begin()) return std::nullopt;
   --it;
   const A_long step = options.timeStep;
-  const bool covered = step > 0 ? static_cast<int64_t>(time) < static_cast<int64_t>(it->first) + step
-                                : time == it->first;
+  const bool covered =
+      step > 0 ? static_cast<int64_t>(time) < static_cast<int64_t>(it->first) + step : time == it->first;
   return covered ? std::optional<A_long>(it->first) : std::nullopt;
 }
 

@@ -113,10 +113,10 @@ struct CallRecord {
 };
 
 struct ParamInfo {
-  PF_ParamIndex index = 0;           // the host's index: 1 for the first add; 0 is the input layer
-  PF_ParamIndex requestedIndex = 0;  // as given to add_param (-1 appends)
-  PF_ParamDef def{};                 // as registered; popup and checkbox names point into host memory
-  PF_ParamDef value{};               // the current value, what checkout_param hands out
+  PF_ParamIndex index = 0;                   // the host's index: 1 for the first add; 0 is the input layer
+  PF_ParamIndex requestedIndex = 0;          // as given to add_param (-1 appends)
+  PF_ParamDef def{};                         // as registered; popup and checkbox names point into host memory
+  PF_ParamDef value{};                       // the current value, what checkout_param hands out
   std::shared_ptr<const std::string> names;  // copy of the popup or checkbox name text
 };
 
@@ -153,18 +153,18 @@ struct CheckoutRecord {
 struct RenderResult {
   uint64_t renderId = 0;
   A_long time = 0;
-  PF_Err result = 0;  // first non-zero of pre-render and render
-  CommandRecord preRender;  // cmd 0 and result 0 when the path has none
-  CommandRecord render;     // cmd 0 when no render command was sent
+  PF_Err result = 0;                       // first non-zero of pre-render and render
+  CommandRecord preRender;                 // cmd 0 and result 0 when the path has none
+  CommandRecord render;                    // cmd 0 when no render command was sent
   PF_LRect resultRect{}, maxResultRect{};  // as pre-render left them
   PF_RenderOutputFlags outputFlags = 0;
   bool preRenderDataDeleted = false;
   std::vector<CheckoutRecord> checkouts;  // by checkout index
-  size_t uploads = 0;             // frames uploaded by this render
-  size_t effectWorldsLeft = 0;    // GPU worlds the effect created and did not dispose
-  size_t worldsNotCheckedIn = 0;  // checkouts fetched more often than checked in
-  bool hasOutput = false;         // the effect checked out the output
-  Image output;                   // downloaded after the render
+  size_t uploads = 0;                     // frames uploaded by this render
+  size_t effectWorldsLeft = 0;            // GPU worlds the effect created and did not dispose
+  size_t worldsNotCheckedIn = 0;          // checkouts fetched more often than checked in
+  bool hasOutput = false;                 // the effect checked out the output
+  Image output;                           // downloaded after the render
 };
 
 class AeHost {
@@ -185,8 +185,8 @@ class AeHost {
   HostOptions& Options();
 
   // ---- The command sequence ----
-  PF_Err GlobalSetup();    // 1
-  PF_Err ParamsSetup();    // 4
+  PF_Err GlobalSetup();  // 1
+  PF_Err ParamsSetup();  // 4
   // Opens the device (HostError when it cannot) and sends command 32. An effect
   // that did not declare GPU rendering gets no command; GpuReady() stays false.
   PF_Err SetupDevice(const DeviceOptions& device = {});
@@ -206,7 +206,7 @@ class AeHost {
   PF_Handle GlobalData() const;
 
   // ---- Parameters ----
-  std::vector<ParamInfo> Params() const;  // in index order, input layer not included
+  std::vector<ParamInfo> Params() const;     // in index order, input layer not included
   PF_ParamIndex FindParam(A_long id) const;  // -1 when no parameter has that id
   // Sets the current value by type: float slider value, popup choice (from 1),
   // checkbox (non-zero), angle in degrees. Throws HostError for other types.

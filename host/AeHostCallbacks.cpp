@@ -46,8 +46,8 @@ PF_Err CheckoutParam(PF_ProgPtr ref, PF_ParamIndex index, A_long time, A_long st
     }
   }
   if (h)
-    h->Record(kCallback, "", "checkout_param",
-              Args("index=", index, " time=", time, " step=", step, " scale=", scale), err, RenderIdOf(c));
+    h->Record(kCallback, "", "checkout_param", Args("index=", index, " time=", time, " step=", step, " scale=", scale),
+              err, RenderIdOf(c));
   return err;
 }
 
@@ -277,6 +277,8 @@ PF_Err CheckoutOutput(PF_ProgPtr ref, PF_EffectWorld** output) {
 PF_PreRenderCallbacks kPreRenderCallbacks = {CheckoutLayer};
 PF_SmartRenderCallbacks kSmartRenderCallbacks = {CheckoutLayerPixels, CheckinLayerPixels, CheckoutOutput};
 
-PF_InteractCallbacks InteractCallbacks() { return PF_InteractCallbacks{CheckoutParam, CheckinParam, AddParam, RegisterUI}; }
+PF_InteractCallbacks InteractCallbacks() {
+  return PF_InteractCallbacks{CheckoutParam, CheckinParam, AddParam, RegisterUI};
+}
 
 }  // namespace aehost

@@ -14,8 +14,8 @@ std::shared_ptr<WorldRecord> Impl::CachedWorld(bool gpu, A_long key, const std::
     it->second.lastUse = ++cacheClock;
     return it->second.world;
   }
-  auto world = NewWorld(gpu, frame->width, frame->height, gpu ? PF_PixelFormat_GPU_BGRA128 : SoftwareFormat(),
-                        false, false);
+  auto world =
+      NewWorld(gpu, frame->width, frame->height, gpu ? PF_PixelFormat_GPU_BGRA128 : SoftwareFormat(), false, false);
   UploadImage(*world, *frame);
   if (gpu) {
     ++uploads;

@@ -48,7 +48,7 @@ struct WorldRecord {
   PF_PixelFormat format = 0;
   size_t bytes = 0;
   std::vector<uint8_t> memory;  // software pixels
-  void* buffer = nullptr;  // device memory of a GPU world
+  void* buffer = nullptr;       // device memory of a GPU world
   PF_EffectWorld world{};
   WorldRecord() = default;
   WorldRecord(const WorldRecord&) = delete;
@@ -58,8 +58,8 @@ struct WorldRecord {
 
 struct Booking {
   CheckoutRecord rec;
-  std::shared_ptr<const Image> frame;   // null outside the clip
-  std::shared_ptr<WorldRecord> world;   // held while the render runs
+  std::shared_ptr<const Image> frame;  // null outside the clip
+  std::shared_ptr<WorldRecord> world;  // held while the render runs
 };
 
 struct RenderJob {

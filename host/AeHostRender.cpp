@@ -55,8 +55,8 @@ PF_Err PreRender(Impl& h, RenderJob& job, bool deviceOffered, PF_ParamDef** para
 // On the GPU when asked for, or when the device was offered and pre-render said it can.
 PF_Err SmartRender(Impl& h, RenderJob& job, RenderPath path, bool deviceOffered, PF_ParamDef** params,
                    const PF_PreRenderInput& preIn, const PF_PreRenderOutput& preOut, RenderResult& r) {
-  job.gpu = path == RenderPath::SmartGPU ||
-            (deviceOffered && (preOut.flags & PF_RenderOutputFlag_GPU_RENDER_POSSIBLE) != 0);
+  job.gpu =
+      path == RenderPath::SmartGPU || (deviceOffered && (preOut.flags & PF_RenderOutputFlag_GPU_RENDER_POSSIBLE) != 0);
   PF_SmartRenderInput in{};
   in.output_request = preIn.output_request;
   in.bitdepth = 32;
@@ -137,8 +137,7 @@ RenderResult Impl::RenderOne(A_long time, RenderPath path) {
     RenderPlain(*this, job, r);
     return r;
   }
-  if (path == RenderPath::SmartGPU && !device.kind)
-    throw HostError("a GPU render needs a device set up");
+  if (path == RenderPath::SmartGPU && !device.kind) throw HostError("a GPU render needs a device set up");
   const bool deviceOffered = path == RenderPath::SmartGPU || (path == RenderPath::Auto && gpuReady);
   if (deviceOffered) SelectDeviceOnThisThread();
 

@@ -225,8 +225,8 @@ PF_UtilCallbacks kUtilCallbacks = {{UtilSprintf, UtilStrcpy}};
 
 size_t Impl::LiveHandles() const {
   std::lock_guard<std::mutex> lock(gHandlesMutex);
-  return static_cast<size_t>(std::count_if(gHandles.begin(), gHandles.end(),
-                                           [this](const HandleBlock* b) { return b->owner == this; }));
+  return static_cast<size_t>(
+      std::count_if(gHandles.begin(), gHandles.end(), [this](const HandleBlock* b) { return b->owner == this; }));
 }
 
 void Impl::FreeAllHandles() {

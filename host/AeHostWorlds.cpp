@@ -8,7 +8,6 @@
 
 #include "AeHostInternal.h"
 
-
 namespace aehost {
 
 namespace {

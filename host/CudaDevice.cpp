@@ -87,5 +87,5 @@ void Finish(const Device&) { cudaDeviceSynchronize(); }
 
 }  // namespace
 
-extern const DeviceKind kCudaDeviceKind = {"cuda", "CUDA", "N", 0, List, AddressValid, Open, Close,
-                                           Allocate, Release, Upload, Download, Fill, BindThread, Finish};
+extern const DeviceKind kCudaDeviceKind = {"cuda",   "CUDA",  "N",    0,        List, AddressValid, Open,  Close,
+                                           Allocate, Release, Upload, Download, Fill, BindThread,   Finish};

@@ -56,7 +56,8 @@ DeviceText ParseDeviceText(const std::string& text) {
   std::string expected = "auto";
   const auto& kinds = DeviceKinds();
   for (size_t i = 0; i < kinds.size(); ++i)
-    expected += std::string(i + 1 == kinds.size() ? " or " : ", ") + kinds[i]->name + "[:" + kinds[i]->addressForm + "]";
+    expected +=
+        std::string(i + 1 == kinds.size() ? " or " : ", ") + kinds[i]->name + "[:" + kinds[i]->addressForm + "]";
   throw DeviceError("expected " + expected);
 }
 

@@ -49,8 +49,8 @@ FrameStackHost MakeDeviceFrameStackHost(const Device& device, const KernelList* 
 
 DeviceKernels::DeviceKernels(const Device& d)
     : device(&d),
-      status(InitializeGPU(static_cast<GPUFramework>(d.kind->framework), &list, d.device, d.context,
-                           kAeGPUFailureCode)) {}
+      status(
+          InitializeGPU(static_cast<GPUFramework>(d.kind->framework), &list, d.device, d.context, kAeGPUFailureCode)) {}
 
 DeviceKernels::~DeviceKernels() {
   GPUDispose(static_cast<GPUFramework>(device->kind->framework), &list, kAeGPUFailureCode);

@@ -138,5 +138,6 @@ void Finish(const Device& device) { clFinish(Queue(device)); }
 
 }  // namespace
 
-extern const DeviceKind kOpenCLDeviceKind = {"opencl", "OpenCL", "PLATFORM.DEVICE", 1, List, AddressValid, Open, Close,
-                                             Allocate, Release, Upload, Download, Fill, BindThread, Finish};
+extern const DeviceKind kOpenCLDeviceKind = {
+    "opencl", "OpenCL", "PLATFORM.DEVICE", 1,    List,       AddressValid, Open, Close, Allocate,
+    Release,  Upload,   Download,          Fill, BindThread, Finish};

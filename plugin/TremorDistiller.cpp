@@ -14,10 +14,9 @@
 static_assert(kGlobalOutFlags == (PF_OutFlag_NON_PARAM_VARY | PF_OutFlag_PIX_INDEPENDENT | PF_OutFlag_CUSTOM_UI |
                                   PF_OutFlag_DEEP_COLOR_AWARE | PF_OutFlag_SEND_UPDATE_PARAMS_UI),
               "global out flags");
-static_assert(kGlobalOutFlags2 ==
-                  (PF_OutFlag2_PARAM_GROUP_START_COLLAPSED_FLAG | PF_OutFlag2_SUPPORTS_SMART_RENDER |
-                   PF_OutFlag2_FLOAT_COLOR_AWARE | PF_OutFlag2_CUSTOM_UI_ASYNC_MANAGER |
-                   PF_OutFlag2_SUPPORTS_GPU_RENDER_F32 | PF_OutFlag2_SUPPORTS_THREADED_RENDERING),
+static_assert(kGlobalOutFlags2 == (PF_OutFlag2_PARAM_GROUP_START_COLLAPSED_FLAG | PF_OutFlag2_SUPPORTS_SMART_RENDER |
+                                   PF_OutFlag2_FLOAT_COLOR_AWARE | PF_OutFlag2_CUSTOM_UI_ASYNC_MANAGER |
+                                   PF_OutFlag2_SUPPORTS_GPU_RENDER_F32 | PF_OutFlag2_SUPPORTS_THREADED_RENDERING),
               "global out flags 2");
 
 namespace {
@@ -35,29 +34,20 @@ void CopyReturnMessage(PF_InData* in_data, PF_OutData* out_data, const std::stri
 PF_Err Dispatch(PF_Cmd cmd, PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output,
                 void* extra) {
   switch (cmd) {
-    case PF_Cmd_ABOUT:
-      return About(in_data, out_data);
-    case PF_Cmd_GLOBAL_SETUP:
-      return GlobalSetup(in_data, out_data);
-    case PF_Cmd_GLOBAL_SETDOWN:
-      return GlobalSetdown(in_data);
-    case PF_Cmd_PARAMS_SETUP:
-      return ParamsSetup(in_data, out_data);
+    case PF_Cmd_ABOUT: return About(in_data, out_data);
+    case PF_Cmd_GLOBAL_SETUP: return GlobalSetup(in_data, out_data);
+    case PF_Cmd_GLOBAL_SETDOWN: return GlobalSetdown(in_data);
+    case PF_Cmd_PARAMS_SETUP: return ParamsSetup(in_data, out_data);
     case PF_Cmd_RENDER:
       return RenderCPU(in_data, out_data, &params[FindParamIndex(PARAM_INPUT, ParamTable())]->u.ld, output);
     // PF_Cmd_EVENT stays unanswered (0) until the custom UI is built.
-    case PF_Cmd_SMART_PRE_RENDER:
-      return PreRender(in_data, out_data, static_cast<PF_PreRenderExtra*>(extra));
-    case PF_Cmd_SMART_RENDER:
-      return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), false);
-    case PF_Cmd_SMART_RENDER_GPU:
-      return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), true);
-    case PF_Cmd_GPU_DEVICE_SETUP:
-      return GPUDeviceSetup(in_data, out_data, static_cast<PF_GPUDeviceSetupExtra*>(extra));
+    case PF_Cmd_SMART_PRE_RENDER: return PreRender(in_data, out_data, static_cast<PF_PreRenderExtra*>(extra));
+    case PF_Cmd_SMART_RENDER: return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), false);
+    case PF_Cmd_SMART_RENDER_GPU: return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), true);
+    case PF_Cmd_GPU_DEVICE_SETUP: return GPUDeviceSetup(in_data, out_data, static_cast<PF_GPUDeviceSetupExtra*>(extra));
     case PF_Cmd_GPU_DEVICE_SETDOWN:
       return GPUDeviceSetdown(in_data, out_data, static_cast<PF_GPUDeviceSetdownExtra*>(extra));
-    default:
-      return PF_Err_NONE;
+    default: return PF_Err_NONE;
   }
 }
 
@@ -69,8 +59,8 @@ PF_Err Dispatch(PF_Cmd cmd, PF_InData* in_data, PF_OutData* out_data, PF_ParamDe
 DllExport int NvOptimusEnablementCuda;
 int NvOptimusEnablementCuda = 1;
 
-DllExport PF_Err PluginDataEntryFunction(PF_PluginDataPtr inPtr, PF_PluginDataCB inPluginDataCallBackPtr,
-                                         SPBasicSuite*, const char*, const char*) {
+DllExport PF_Err PluginDataEntryFunction(PF_PluginDataPtr inPtr, PF_PluginDataCB inPluginDataCallBackPtr, SPBasicSuite*,
+                                         const char*, const char*) {
   auto text = [](const char* s) { return reinterpret_cast<const A_u_char*>(s); };
   return inPluginDataCallBackPtr(inPtr, text(kEffectName), text(kEffectMatchName), text(kEffectCategory),
                                  text(kEffectEntryPoint), kPiPLKindEffect, kEffectApiMajor, kEffectApiMinor,
@@ -126,7 +116,8 @@ PF_Err GlobalSetup(PF_InData* in_data, PF_OutData* out_data) {
     CopyReturnMessage(in_data, out_data, loggerFailure);
   } else {
     LOG_INFO("Welcome!");
-    LOG_INFO(kEffectName, ", v", kEffectVersionText, " in ", (IsPremiere(in_data) ? "Premiere" : "AE"), in_data->version.major, ".", in_data->version.minor);
+    LOG_INFO(kEffectName, ", v", kEffectVersionText, " in ", (IsPremiere(in_data) ? "Premiere" : "AE"),
+             in_data->version.major, ".", in_data->version.minor);
   }
 
   SuiteAccess<PF_HandleSuite2> handles(in_data);

@@ -17,11 +17,11 @@ inline constexpr char kEffectCategory[] = "Harbour Lantern Lab";
 inline constexpr char kEffectVersionText[] = "1.0.0";
 inline constexpr A_long kEffectMajorVersion = 1;
 inline constexpr A_long kEffectMinorVersion = 0;
-inline constexpr A_u_long kEffectVersion = 0x00080001;    // my_version, "eVER"
-inline constexpr A_long kGlobalOutFlags = 0x06008404;     // "eGLO"
-inline constexpr A_long kGlobalOutFlags2 = 0x0B001408;    // "eGL2"
+inline constexpr A_u_long kEffectVersion = 0x00080001;               // my_version, "eVER"
+inline constexpr A_long kGlobalOutFlags = 0x06008404;                // "eGLO"
+inline constexpr A_long kGlobalOutFlags2 = 0x0B001408;               // "eGL2"
 inline constexpr A_long kEffectApiMajor = 13, kEffectApiMinor = 28;  // "eSVR"
-inline constexpr A_long kEffectReservedInfo = 8;          // "aeFL"
+inline constexpr A_long kEffectReservedInfo = 8;                     // "aeFL"
 
 // The decoded about picture, B, G, R, A rows top to bottom.
 struct AboutImage {
@@ -75,8 +75,7 @@ class SuiteAccess {
  public:
   explicit SuiteAccess(const PF_InData* in_data) : basic_(in_data->pica_basicP) {
     const void* suite = nullptr;
-    if (!basic_ || basic_->AcquireSuite(SuiteTraits<Suite>::name, SuiteTraits<Suite>::version, &suite) != 0 ||
-        !suite)
+    if (!basic_ || basic_->AcquireSuite(SuiteTraits<Suite>::name, SuiteTraits<Suite>::version, &suite) != 0 || !suite)
       throw static_cast<int32_t>(PF_Err_BAD_CALLBACK_PARAM);
     suite_ = static_cast<const Suite*>(suite);
   }
@@ -98,8 +97,7 @@ class ScopedSuite {
  public:
   ScopedSuite(const PF_InData* in_data, PF_OutData* out_data) : basic_(in_data->pica_basicP) {
     const void* suite = nullptr;
-    if (!basic_ || basic_->AcquireSuite(SuiteTraits<Suite>::name, SuiteTraits<Suite>::version, &suite) != 0 ||
-        !suite) {
+    if (!basic_ || basic_->AcquireSuite(SuiteTraits<Suite>::name, SuiteTraits<Suite>::version, &suite) != 0 || !suite) {
       if (out_data) {
         out_data->out_flags |= PF_OutFlag_DISPLAY_ERROR_MESSAGE;
         in_data->utils->ansi.sprintf(out_data->return_msg, "Not able to acquire AEFX Suite.");

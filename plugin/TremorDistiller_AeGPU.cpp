@@ -33,7 +33,8 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
   ScopedSuite<PF_GPUDeviceSuite1> gpu(in_data, out_data);
   PF_GPUDeviceInfo info{};
   PF_Err err = PF_Err_UNRECOGNIZED_PARAM_TYPE;
-  if (format == PF_PixelFormat_GPU_BGRA128) err = gpu->GetDeviceInfo(in_data->effect_ref, extra->input->device_index, &info);
+  if (format == PF_PixelFormat_GPU_BGRA128)
+    err = gpu->GetDeviceInfo(in_data->effect_ref, extra->input->device_index, &info);
 
   const GPUFramework framework = FrameworkFromAeWhatGpu(extra->input->what_gpu);
   if (framework == GPU_FRAMEWORK_NONE) {
@@ -54,8 +55,8 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
   const int stack = std::clamp(kernelData->numFrames, 0, KERNEL_DATA_MAX_FRAMES);
   for (int i = 0; i < stack; ++i) {
     PF_EffectWorld* f = frames[i];
-    job.frames.push_back({f, f ? f->width : 0, f ? f->height : 0, f ? f->rowbytes : 0, kernelData->originH[i],
-                          kernelData->originV[i]});
+    job.frames.push_back(
+        {f, f ? f->width : 0, f ? f->height : 0, f ? f->rowbytes : 0, kernelData->originH[i], kernelData->originV[i]});
   }
   job.output = {output, output->width, output->height, output->rowbytes, 0, 0};
   job.is16f = false;  // only the 128-bit format gets here
@@ -71,8 +72,8 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
   host.createScratch = [&](int32_t width, int32_t height, bool, void** scratch) -> int32_t {
     // Always asked cleared, which also covers the buffers the loop needs empty.
     PF_EffectWorld* world = nullptr;
-    const PF_Err e = gpu->CreateGPUWorld(effect, device, width, height, output->pix_aspect_ratio, in_data->field,
-                                         format, 1, &world);
+    const PF_Err e =
+        gpu->CreateGPUWorld(effect, device, width, height, output->pix_aspect_ratio, in_data->field, format, 1, &world);
     *scratch = e ? nullptr : world;
     return e;
   };
@@ -123,7 +124,7 @@ PF_Err GPUDeviceSetdown(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSe
   ScopedSuite<PF_HandleSuite2> handles(in_data, out_data);
   if (!extra->input->gpu_data) return PF_Err_NONE;
   const PF_Err err = GPUDispose(FrameworkFromAeWhatGpu(extra->input->what_gpu), KernelListOf(extra->input->gpu_data),
-                                 kAeGPUFailureCode);
+                                kAeGPUFailureCode);
   handles->host_dispose_handle(static_cast<PF_Handle>(extra->input->gpu_data));
   return err;
 }

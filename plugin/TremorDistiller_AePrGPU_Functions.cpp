@@ -37,8 +37,8 @@ int32_t CheckCudaLaunch(const CudaPass& pass) {
 
 int32_t CudaResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
   const CudaPass& pass = *static_cast<const CudaPass*>(form);
-  pass.cuda.launchResize(src, dst, a.inSrcPitch, a.inDstPitch, a.in16f, a.inWidth, a.inHeight, a.outWidth,
-                         a.outHeight, a.inOffsetX, a.inOffsetY, pass.blockSize);
+  pass.cuda.launchResize(src, dst, a.inSrcPitch, a.inDstPitch, a.in16f, a.inWidth, a.inHeight, a.outWidth, a.outHeight,
+                         a.inOffsetX, a.inOffsetY, pass.blockSize);
   return CheckCudaLaunch(pass);
 }
 
@@ -80,7 +80,8 @@ struct OpenCLPass {
 };
 
 // Sets the arguments in order, then enqueues; the first failure skips the rest.
-int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel, const std::vector<std::pair<size_t, const void*>>& args) {
+int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel,
+                      const std::vector<std::pair<size_t, const void*>>& args) {
   cl_int err = CL_SUCCESS;
   for (cl_uint i = 0; i < args.size() && err == CL_SUCCESS; ++i)
     err = pass.cl.setKernelArg(kernel, i, args[i].first, args[i].second);
@@ -216,19 +217,13 @@ int32_t InitializeGPU(GPUFramework framework, KernelList* list, void* device, vo
   status.noDevice = false;
   status.softwareRenderSeen = false;
   switch (framework) {
-    case CUDA:
-      ShowDeviceIdentity();
-      return 0;
+    case CUDA: ShowDeviceIdentity(); return 0;
     case OpenCL: {
       ShowDeviceIdentity();
       return InitializeOpenCL(list, static_cast<cl_device_id>(device), static_cast<cl_context>(context), failureCode);
     }
-    case Metal:
-      LOG_ERROR("Metal is not available");
-      return failureCode;
-    default:
-      LOG_ERROR("Unsupported GPU type");
-      return failureCode;
+    case Metal: LOG_ERROR("Metal is not available"); return failureCode;
+    default: LOG_ERROR("Unsupported GPU type"); return failureCode;
   }
 }
 
@@ -267,15 +262,14 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
                   int32_t failureCode) {
   SetPassMotionValues(kernelData);
   RestoreDeviceIdentity();
-  if (framework == CUDA)
-    return RenderPassCUDA(buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
+  if (framework == CUDA) return RenderPassCUDA(buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
   if (!kernels) {
     LOG_ERROR("KernelList pointer is null");
     return failureCode;
   }
   if (framework == OpenCL)
-    return RenderPassOpenCL(*kernels, static_cast<cl_context>(context), static_cast<cl_command_queue>(queue),
-                            buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
+    return RenderPassOpenCL(*kernels, static_cast<cl_context>(context), static_cast<cl_command_queue>(queue), buffers,
+                            kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
   if (framework == Metal) return 0;
   LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
   return failureCode;

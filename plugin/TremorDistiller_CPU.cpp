@@ -24,7 +24,7 @@ struct FormatDepth {
 };
 
 constexpr FormatDepth kAeFormatDepths[] = {
-    {PF_FourCharCode("bgra"), 8},  {PF_FourCharCode("argb"), 8}, {PF_FourCharCode("vuya"), 8},
+    {PF_FourCharCode("bgra"), 8},  {PF_FourCharCode("argb"), 8},  {PF_FourCharCode("vuya"), 8},
     {PF_FourCharCode("ae16"), 16}, {PF_FourCharCode("ae32"), 32}, {PF_FourCharCode("@CDA"), 32},
 };
 
@@ -126,8 +126,7 @@ void HalfValueRow(int depth, const PF_EffectWorld& input, const PF_EffectWorld& 
     covered = std::min(output.width, input.width);
     if (input.rowbytes >= 0) covered = std::min<A_long>(covered, input.rowbytes / size);
     covered = std::max<A_long>(covered, 0);
-    const auto* src =
-        static_cast<const unsigned char*>(input.data) + static_cast<std::ptrdiff_t>(row) * input.rowbytes;
+    const auto* src = static_cast<const unsigned char*>(input.data) + static_cast<std::ptrdiff_t>(row) * input.rowbytes;
     switch (depth) {
       case 8: HalfValueSpan<uint8_t>(src, dst, covered); break;
       case 16: HalfValueSpan<uint16_t>(src, dst, covered); break;

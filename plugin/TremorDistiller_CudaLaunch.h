@@ -9,7 +9,7 @@ void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* o
                       unsigned int inHeight, const void* inIm, unsigned int blockSize);
 
 void LaunchResizeKernel(const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch, int in16f,
-                        unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,
-                        unsigned int outHeight, int inOffsetX, int inOffsetY, unsigned int blockSize);
+                        unsigned int inWidth, unsigned int inHeight, unsigned int outWidth, unsigned int outHeight,
+                        int inOffsetX, int inOffsetY, unsigned int blockSize);
 
 #endif

@@ -2,9 +2,16 @@
 
 OpenCLCalls& GetOpenCLCalls() {
   static OpenCLCalls calls = {
-      &::clCreateProgramWithSource, &::clBuildProgram, &::clGetProgramBuildInfo, &::clReleaseProgram,
-      &::clCreateKernel,            &::clReleaseKernel, &::clSetKernelArg,       &::clCreateBuffer,
-      &::clEnqueueNDRangeKernel,    &::clReleaseMemObject,
+      &::clCreateProgramWithSource,
+      &::clBuildProgram,
+      &::clGetProgramBuildInfo,
+      &::clReleaseProgram,
+      &::clCreateKernel,
+      &::clReleaseKernel,
+      &::clSetKernelArg,
+      &::clCreateBuffer,
+      &::clEnqueueNDRangeKernel,
+      &::clReleaseMemObject,
   };
   return calls;
 }

@@ -97,9 +97,7 @@ std::string FieldText(const char (&field)[N]) {
   return std::string(field, strnlen(field, N));
 }
 
-void LogPlain(const std::string& label, const std::string& value) {
-  LOG_INFO(label, value);
-}
+void LogPlain(const std::string& label, const std::string& value) { LOG_INFO(label, value); }
 
 }  // namespace
 

@@ -164,11 +164,8 @@ PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data, const ParamTableRow
         def.param_type = PF_Param_GROUP_START;
         CopyName(def, param.name);
         break;
-      case ParamKind::GroupEnd:
-        def.param_type = PF_Param_GROUP_END;
-        break;
-      case ParamKind::InputLayer:
-        continue;
+      case ParamKind::GroupEnd: def.param_type = PF_Param_GROUP_END; break;
+      case ParamKind::InputLayer: continue;
       case ParamKind::Popup: {
         assert(param.value.has_value());
         assert(std::holds_alternative<std::string>(param.value.value()));
@@ -238,7 +235,8 @@ PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data, const ParamTableRow
         CopyName(def, param.name);
         break;
       default: {
-        LOG_ERROR("Unimplemented parameter: ", static_cast<int32_t>(param.kind), ", name: ", param.name, ", id: ", param.diskId);
+        LOG_ERROR("Unimplemented parameter: ", static_cast<int32_t>(param.kind), ", name: ", param.name,
+                  ", id: ", param.diskId);
         result = PF_Err_INVALID_INDEX;
         continue;
       }

@@ -54,7 +54,7 @@ struct ParamRecord {
   std::string name = "undefined";
   std::optional<ParamVariant> value = ParamVariant(0.0f);  // a popup's choices, "A|B|C"
   ParamVariant defaultValue = 0.0f;
-  std::optional<float> min = 0.0f;   // a float slider's valid and slider range alike
+  std::optional<float> min = 0.0f;  // a float slider's valid and slider range alike
   std::optional<float> max = 100.0f;
   std::optional<int32_t> precision = 1;  // low 16 bits used
   std::optional<int32_t> uiFlags = 0;    // display_flags of a float slider, else ui_flags

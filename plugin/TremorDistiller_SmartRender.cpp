@@ -72,17 +72,31 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
   }
 
   float offset = 0.0f;
-  PF_Err err = ReadParam(in_data, PARAM_FRAMES, [&](const PF_ParamDef& d) { kd->numFrames = StackLength(d.u.fs_d.value); });
-  if (!err) err = ReadParam(in_data, PARAM_FRAMES_OFFSET, [&](const PF_ParamDef& d) { offset = static_cast<float>(d.u.fs_d.value); });
-  if (!err) err = ReadParam(in_data, PARAM_FRAMES_FADE, [&](const PF_ParamDef& d) { kd->percentEase = PercentEaseFromFade(d.u.fs_d.value); });
-  if (!err) err = ReadParam(in_data, PARAM_BLENDING_MODE, [&](const PF_ParamDef& d) { kd->blendMode = static_cast<BlendMode>(PopupFromAE(d.u.pd.value)); });
-  if (!err) err = ReadParam(in_data, PARAM_DIFFERENCE_ALGORITHM, [&](const PF_ParamDef& d) { kd->diffMode = static_cast<DiffBlendMode>(PopupFromAE(d.u.pd.value)); });
-  if (!err) err = ReadParam(in_data, PARAM_OUTPUT, [&](const PF_ParamDef& d) { kd->output = static_cast<ColorFrom>(PopupFromAE(d.u.pd.value)); });
+  PF_Err err =
+      ReadParam(in_data, PARAM_FRAMES, [&](const PF_ParamDef& d) { kd->numFrames = StackLength(d.u.fs_d.value); });
+  if (!err)
+    err = ReadParam(in_data, PARAM_FRAMES_OFFSET,
+                    [&](const PF_ParamDef& d) { offset = static_cast<float>(d.u.fs_d.value); });
+  if (!err)
+    err = ReadParam(in_data, PARAM_FRAMES_FADE,
+                    [&](const PF_ParamDef& d) { kd->percentEase = PercentEaseFromFade(d.u.fs_d.value); });
+  if (!err)
+    err = ReadParam(in_data, PARAM_BLENDING_MODE,
+                    [&](const PF_ParamDef& d) { kd->blendMode = static_cast<BlendMode>(PopupFromAE(d.u.pd.value)); });
+  if (!err)
+    err = ReadParam(in_data, PARAM_DIFFERENCE_ALGORITHM, [&](const PF_ParamDef& d) {
+      kd->diffMode = static_cast<DiffBlendMode>(PopupFromAE(d.u.pd.value));
+    });
+  if (!err)
+    err = ReadParam(in_data, PARAM_OUTPUT,
+                    [&](const PF_ParamDef& d) { kd->output = static_cast<ColorFrom>(PopupFromAE(d.u.pd.value)); });
   // The switches are read whatever happened above, and their errors ignored.
   kd->normalize = kd->motion_amp = kd->chromatic = false;
   ReadParam(in_data, PARAM_NORMALIZE, [&](const PF_ParamDef& d) { kd->normalize = CheckboxOn(d.u.bd.value); });
-  ReadParam(in_data, PARAM_MOTION_AMPLIFICATION, [&](const PF_ParamDef& d) { kd->motion_amp = CheckboxOn(d.u.bd.value); });
-  ReadParam(in_data, PARAM_CHROMATIC_ABERRATION, [&](const PF_ParamDef& d) { kd->chromatic = CheckboxOn(d.u.bd.value); });
+  ReadParam(in_data, PARAM_MOTION_AMPLIFICATION,
+            [&](const PF_ParamDef& d) { kd->motion_amp = CheckboxOn(d.u.bd.value); });
+  ReadParam(in_data, PARAM_CHROMATIC_ABERRATION,
+            [&](const PF_ParamDef& d) { kd->chromatic = CheckboxOn(d.u.bd.value); });
 
   extra->output->pre_render_data = kd;
   extra->output->delete_pre_render_data_func = &DeleteKernelData;
@@ -106,8 +120,8 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
     const PF_LRect full{0, 0,
                         static_cast<A_long>(std::ceil(static_cast<double>(in_data->downsample_x.num) * in_data->width /
                                                       in_data->downsample_x.den)),
-                        static_cast<A_long>(std::ceil(static_cast<double>(in_data->downsample_y.num) *
-                                                      in_data->height / in_data->downsample_y.den))};
+                        static_cast<A_long>(std::ceil(static_cast<double>(in_data->downsample_y.num) * in_data->height /
+                                                      in_data->downsample_y.den))};
     UnionLRect(full, extra->output->result_rect);
     UnionLRect(full, extra->output->max_result_rect);
   }
@@ -115,8 +129,8 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
   const PF_ParamIndex layer = FindParamIndex(PARAM_INPUT, ParamTable());
   for (A_long i = 1; i < kd->numFrames && !err; ++i) {
     const A_long when = FrameCheckoutTime(in_data->current_time, in_data->time_step, i, offset);
-    err = extra->cb->checkout_layer(in_data->effect_ref, layer, i, &req, when, in_data->time_step,
-                                    in_data->time_scale, &result);
+    err = extra->cb->checkout_layer(in_data->effect_ref, layer, i, &req, when, in_data->time_step, in_data->time_scale,
+                                    &result);
     if (!err) {
       kd->originH[i] = result.result_rect.left;
       kd->originV[i] = result.result_rect.top;
@@ -152,11 +166,13 @@ struct FrameListHandle {
 
 PF_Err SmartRenderStack(PF_InData* in_data, PF_OutData* out_data, PF_SmartRenderExtra* extra) {
   KernelData* kd = static_cast<KernelData*>(extra->input->pre_render_data);
-  const A_long numFrames = kd->numFrames < 1 ? 1 : (kd->numFrames > KERNEL_DATA_MAX_FRAMES ? KERNEL_DATA_MAX_FRAMES : kd->numFrames);
+  const A_long numFrames =
+      kd->numFrames < 1 ? 1 : (kd->numFrames > KERNEL_DATA_MAX_FRAMES ? KERNEL_DATA_MAX_FRAMES : kd->numFrames);
 
   SuiteAccess<PF_HandleSuite2> handles(in_data);
   FrameListHandle list{handles, handles->host_new_handle(sizeof(PF_EffectWorld*) * numFrames)};
-  PF_EffectWorld** frames = list.handle ? static_cast<PF_EffectWorld**>(handles->host_lock_handle(list.handle)) : nullptr;
+  PF_EffectWorld** frames =
+      list.handle ? static_cast<PF_EffectWorld**>(handles->host_lock_handle(list.handle)) : nullptr;
   PF_Err err = PF_Err_NONE;
   if (!frames) {
     LOG_ERROR_IN("SmartRender", "Cannot initialize layer frames");

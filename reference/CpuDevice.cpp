@@ -45,9 +45,9 @@ void CpuMainKernel(const CpuLaunchConfig& config, const void* inPre, const void*
                    unsigned int inWidth, unsigned int inHeight, const void* inIm) {
   using gfcpu::float4;
   Launch2D(config, inWidth, inHeight, [&] {
-    gfcpu::MainKernel(static_cast<const float4*>(inPre), static_cast<const float4*>(inCur),
-                      static_cast<float4*>(outIm), static_cast<float4*>(outDst), params, inPrePitch, inCurPitch,
-                      inDstPitch, in16f, inWidth, inHeight, static_cast<const float4*>(inIm));
+    gfcpu::MainKernel(static_cast<const float4*>(inPre), static_cast<const float4*>(inCur), static_cast<float4*>(outIm),
+                      static_cast<float4*>(outDst), params, inPrePitch, inCurPitch, inDstPitch, in16f, inWidth,
+                      inHeight, static_cast<const float4*>(inIm));
   });
 }
 
@@ -56,7 +56,7 @@ void CpuResizeKernel(const CpuLaunchConfig& config, const void* inSrc, void* out
                      unsigned int outHeight, int inOffsetX, int inOffsetY) {
   using gfcpu::float4;
   Launch2D(config, outWidth, outHeight, [&] {
-    gfcpu::ResizeKernel(static_cast<const float4*>(inSrc), static_cast<float4*>(outDst), inSrcPitch, inDstPitch,
-                        in16f, inWidth, inHeight, outWidth, outHeight, inOffsetX, inOffsetY);
+    gfcpu::ResizeKernel(static_cast<const float4*>(inSrc), static_cast<float4*>(outDst), inSrcPitch, inDstPitch, in16f,
+                        inWidth, inHeight, outWidth, outHeight, inOffsetX, inOffsetY);
   });
 }

@@ -16,7 +16,7 @@ enum class CpuHalfForm {
 
 struct CpuLaunchConfig {
   CpuHalfForm halfForm = CpuHalfForm::OpenCL;
-  int threads = 1;           // rows of groups are split across this many threads
+  int threads = 1;  // rows of groups are split across this many threads
   unsigned int blockSize = 16;
 };
 

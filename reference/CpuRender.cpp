@@ -28,8 +28,8 @@ int32_t CpuMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m)
 
 }  // namespace
 
-int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& b, KernelData& kd,
-                      const MainKernelArgs& m, const ResizeKernelArgs& pre, const ResizeKernelArgs& cur) {
+int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& b, KernelData& kd, const MainKernelArgs& m,
+                      const ResizeKernelArgs& pre, const ResizeKernelArgs& cur) {
   SetPassMotionValues(kd);
   // The kernels read their own copy of the record, as a device would.
   const KernelData params = kd;
@@ -59,10 +59,8 @@ FrameStackHost MakeCpuFrameStackHost(const CpuLaunchConfig& config, const FrameS
     scratch->erase(s);
     return 0;
   };
-  host.runPass = [config](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m,
-                          const ResizeKernelArgs& pre, const ResizeKernelArgs& cur) {
-    return CpuRenderPass(config, b, kd, m, pre, cur);
-  };
+  host.runPass = [config](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m, const ResizeKernelArgs& pre,
+                          const ResizeKernelArgs& cur) { return CpuRenderPass(config, b, kd, m, pre, cur); };
   return host;
 }
 

@@ -10,8 +10,7 @@
 
 // One pass: motion values, canvases where a frame needs one, then MainKernel.
 int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& buffers, KernelData& kernelData,
-                      const MainKernelArgs& mainArgs, const ResizeKernelArgs& preArgs,
-                      const ResizeKernelArgs& curArgs);
+                      const MainKernelArgs& mainArgs, const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs);
 
 // Host operations over host memory for a job: a frame's handle is its pixel
 // pointer, and scratch buffers get the output's pitch.

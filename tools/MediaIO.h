@@ -39,8 +39,8 @@ struct Rational {
 struct InputInfo {
   int width = 0;
   int height = 0;
-  Rational frameRate;      // frames per second
-  Rational timeBase;       // of the frame timestamps below
+  Rational frameRate;       // frames per second
+  Rational timeBase;        // of the frame timestamps below
   int64_t frameCount = -1;  // -1 when the container does not say
   bool hasAudio = false;
   bool isSequence = false;

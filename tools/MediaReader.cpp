@@ -96,8 +96,7 @@ const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCb
       throw MediaError("cannot convert pixel format " + std::string(av_get_pix_fmt_name(src)) + " in '" + name + "'");
     if (yCbCr) {
       const int* coeffs = sws_getCoefficients(f.colorspace);
-      sws_setColorspaceDetails(sws.get(), coeffs, range, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, 1 << 16,
-                               1 << 16);
+      sws_setColorspaceDetails(sws.get(), coeffs, range, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, 1 << 16, 1 << 16);
     }
     swsSrc = src;
     swsDst = dst;

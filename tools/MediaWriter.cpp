@@ -187,8 +187,8 @@ void Writer::Impl::OpenFile() {
     avcodec_parameters_copy(audioOut->codecpar, in->codecpar);
     audioOut->codecpar->codec_tag = 0;
     audioOut->time_base = in->time_base;
-    audioOffset = av_rescale_q(first, enc->time_base, in->time_base) +
-                  (in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time);
+    audioOffset =
+        av_rescale_q(first, enc->time_base, in->time_base) + (in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time);
   }
   files.push_back(output);
   int r = avio_open(&mux->pb, output.c_str(), AVIO_FLAG_WRITE);

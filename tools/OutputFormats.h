@@ -17,12 +17,12 @@ enum class PixelLayout {
 };
 
 struct OutputFormat {
-  const char* extension;     // lower case, matched without regard to case
-  const char* description;   // for --help and messages: "H.264"
-  bool sequence;             // a printf pattern, one file per frame; else one video file
-  const char* muxer;         // FFmpeg's muxer of a video; nullptr for a sequence
-  const char* codec;         // FFmpeg's encoder
-  const char* pixelFormat;   // the encoder's input, as FFmpeg names it
+  const char* extension;    // lower case, matched without regard to case
+  const char* description;  // for --help and messages: "H.264"
+  bool sequence;            // a printf pattern, one file per frame; else one video file
+  const char* muxer;        // FFmpeg's muxer of a video; nullptr for a sequence
+  const char* codec;        // FFmpeg's encoder
+  const char* pixelFormat;  // the encoder's input, as FFmpeg names it
   PixelLayout layout;
   const char* codecOptions;  // FFmpeg dictionary text, "key=value:key=value"
 };

@@ -229,8 +229,8 @@ int Run(aehost::AeHost& host, const Options& o) {
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
   const int64_t total = last == INT64_MAX ? -1 : last - o.start + 1;
   // "Frames" counts whole frames, as the effect reads it.
-  const Window window = NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)),
-                                     SliderValue(host, PARAM_FRAMES_OFFSET));
+  const Window window =
+      NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)), SliderValue(host, PARAM_FRAMES_OFFSET));
   Staging staging(o.output, format.sequence);
   auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
                                                 info.hasAudio ? o.input : std::string());

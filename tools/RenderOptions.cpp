@@ -115,7 +115,8 @@ std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const std::vector<
     double value = e.number;
     if (!e.words.empty()) {
       value = static_cast<double>(std::find(e.words.begin(), e.words.end(), CLI::detail::to_lower(e.choice)) -
-                                  e.words.begin()) + 1;
+                                  e.words.begin()) +
+              1;
     } else if (e.option->get_expected_max() == 0) {
       value = e.flag ? 1.0 : 0.0;
     }

@@ -110,19 +110,11 @@ enum {
 };
 
 typedef A_long PF_RenderOutputFlags;
-enum {
-  PF_RenderOutputFlag_RETURNS_EXTRA_PIXELS = 1,
-  PF_RenderOutputFlag_GPU_RENDER_POSSIBLE = 2
-};
+enum { PF_RenderOutputFlag_RETURNS_EXTRA_PIXELS = 1, PF_RenderOutputFlag_GPU_RENDER_POSSIBLE = 2 };
 
 // what_gpu
 typedef A_long PF_GPU_Framework;
-enum {
-  PF_GPU_Framework_NONE = 0,
-  PF_GPU_Framework_OPENCL = 1,
-  PF_GPU_Framework_METAL = 2,
-  PF_GPU_Framework_CUDA = 3
-};
+enum { PF_GPU_Framework_NONE = 0, PF_GPU_Framework_OPENCL = 1, PF_GPU_Framework_METAL = 2, PF_GPU_Framework_CUDA = 3 };
 
 constexpr PF_PixelFormat PF_PixelFormat_ARGB32 = PF_FourCharCode("argb");
 constexpr PF_PixelFormat PF_PixelFormat_ARGB64 = PF_FourCharCode("ae16");
@@ -144,20 +136,11 @@ enum {
   PF_Param_GROUP_END = 14
 };
 
-enum {
-  PF_PUI_CONTROL = 1L << 1,
-  PF_PUI_DONT_ERASE_CONTROL = 1L << 7
-};
+enum { PF_PUI_CONTROL = 1L << 1, PF_PUI_DONT_ERASE_CONTROL = 1L << 7 };
 
-enum {
-  PF_ValueDisplayFlag_PERCENT = 1
-};
+enum { PF_ValueDisplayFlag_PERCENT = 1 };
 
-enum {
-  PF_CustomEFlag_COMP = 1L << 0,
-  PF_CustomEFlag_LAYER = 1L << 1,
-  PF_CustomEFlag_EFFECT = 1L << 2
-};
+enum { PF_CustomEFlag_COMP = 1L << 0, PF_CustomEFlag_LAYER = 1L << 1, PF_CustomEFlag_EFFECT = 1L << 2 };
 
 #define PF_MAX_EFFECT_MSG_LEN 255
 #define PF_MAX_EFFECT_PARAM_NAME_LEN 31
@@ -339,9 +322,8 @@ typedef struct PF_PreRenderOutput {
 } PF_PreRenderOutput;
 
 typedef struct PF_PreRenderCallbacks {
-  PF_Err (*checkout_layer)(PF_ProgPtr effect_ref, PF_ParamIndex index, A_long checkout_idx,
-                           const PF_RenderRequest* req, A_long what_time, A_long time_step, A_u_long time_scale,
-                           PF_CheckoutResult* result);
+  PF_Err (*checkout_layer)(PF_ProgPtr effect_ref, PF_ParamIndex index, A_long checkout_idx, const PF_RenderRequest* req,
+                           A_long what_time, A_long time_step, A_u_long time_scale, PF_CheckoutResult* result);
 } PF_PreRenderCallbacks;
 
 typedef struct PF_PreRenderExtra {

@@ -31,9 +31,9 @@ typedef struct PF_GPUDeviceInfo {
   PF_GPU_Framework device_framework;
   PF_Boolean compatibleB;
   void* platformPV;
-  void* devicePV;        // cl_device_id, CUdevice
-  void* contextPV;       // cl_context, CUcontext
-  void* command_queuePV; // cl_command_queue, CUstream
+  void* devicePV;         // cl_device_id, CUdevice
+  void* contextPV;        // cl_context, CUcontext
+  void* command_queuePV;  // cl_command_queue, CUstream
 } PF_GPUDeviceInfo;
 
 typedef struct PF_GPUDeviceSuite1 {

@@ -51,29 +51,29 @@ using HRESULT = LONG;
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
 
 struct OSVERSIONINFOA {
-    DWORD dwOSVersionInfoSize;
-    DWORD dwMajorVersion;
-    DWORD dwMinorVersion;
-    DWORD dwBuildNumber;
-    DWORD dwPlatformId;
-    char szCSDVersion[128];
+  DWORD dwOSVersionInfoSize;
+  DWORD dwMajorVersion;
+  DWORD dwMinorVersion;
+  DWORD dwBuildNumber;
+  DWORD dwPlatformId;
+  char szCSDVersion[128];
 };
 using LPOSVERSIONINFOA = OSVERSIONINFOA*;
 
 // The extended record is what a size field of 156 announces, so callers that
 // say 156 pass this one, cast to LPOSVERSIONINFOA, exactly as on Windows.
 struct OSVERSIONINFOEXA {
-    DWORD dwOSVersionInfoSize;
-    DWORD dwMajorVersion;
-    DWORD dwMinorVersion;
-    DWORD dwBuildNumber;
-    DWORD dwPlatformId;
-    char szCSDVersion[128];
-    WORD wServicePackMajor;
-    WORD wServicePackMinor;
-    WORD wSuiteMask;
-    BYTE wProductType;
-    BYTE wReserved;
+  DWORD dwOSVersionInfoSize;
+  DWORD dwMajorVersion;
+  DWORD dwMinorVersion;
+  DWORD dwBuildNumber;
+  DWORD dwPlatformId;
+  char szCSDVersion[128];
+  WORD wServicePackMajor;
+  WORD wServicePackMinor;
+  WORD wSuiteMask;
+  BYTE wProductType;
+  BYTE wReserved;
 };
 static_assert(sizeof(OSVERSIONINFOA) == 148, "layout of the Windows record");
 static_assert(sizeof(OSVERSIONINFOEXA) == 156, "layout of the Windows record");

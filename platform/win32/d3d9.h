@@ -27,18 +27,18 @@
 // The three strings only; the runtime's record goes on with version numbers
 // and ids that the effect never reads. All NUL-terminated.
 struct D3DADAPTER_IDENTIFIER9 {
-    char Driver[MAX_DEVICE_IDENTIFIER_STRING];
-    char Description[MAX_DEVICE_IDENTIFIER_STRING];
-    char DeviceName[32];
+  char Driver[MAX_DEVICE_IDENTIFIER_STRING];
+  char Description[MAX_DEVICE_IDENTIFIER_STRING];
+  char DeviceName[32];
 };
 
 // The two methods called through the real interface, with its signatures.
 struct IDirect3D9 {
-    virtual HRESULT GetAdapterIdentifier(UINT Adapter, DWORD Flags, D3DADAPTER_IDENTIFIER9* pIdentifier) = 0;
-    virtual ULONG Release() = 0;
+  virtual HRESULT GetAdapterIdentifier(UINT Adapter, DWORD Flags, D3DADAPTER_IDENTIFIER9* pIdentifier) = 0;
+  virtual ULONG Release() = 0;
 
-protected:
-    virtual ~IDirect3D9() = default;  // objects go through Release only
+ protected:
+  virtual ~IDirect3D9() = default;  // objects go through Release only
 };
 
 // Null when there is no adapter to describe, or SDKVersion isn't
@@ -58,9 +58,9 @@ IDirect3D9* Direct3DCreate9(UINT SDKVersion);
 void SetAdapterIdentifierOverride(const D3DADAPTER_IDENTIFIER9* id);
 
 enum class AdapterStandIn {
-    System,      // the /proc lookup
-    Missing,     // Direct3DCreate9 gives null, as where Direct3D 9 is absent
-    Unreadable,  // an object is given, but GetAdapterIdentifier fails
+  System,      // the /proc lookup
+  Missing,     // Direct3DCreate9 gives null, as where Direct3D 9 is absent
+  Unreadable,  // an object is given, but GetAdapterIdentifier fails
 };
 void SetAdapterStandIn(AdapterStandIn mode);
 

@@ -132,15 +132,19 @@ INSTANTIATE_TEST_SUITE_P(Formats, RoundTrip,
 TEST(ReadPaths, IntegerPngAndTiffAreVOverMax) {
   const fs::path dir = TempDir();
   const struct {
-    const char* raw;  // little-endian input to ffmpeg
+    const char* raw;   // little-endian input to ffmpeg
     const char* file;  // pixel format of the file
     int channels, bytes;
     bool alpha;
     const char* ext = ".png";
-  } cases[] = {{"rgba", "rgba", 4, 1, true},          {"rgba", "rgb24", 4, 1, false},
-               {"gray", "gray", 1, 1, false},         {"rgba64le", "rgba64be", 4, 2, true},
-               {"rgba64le", "rgb48be", 4, 2, false},  {"gray16le", "gray16be", 1, 2, false},
-               {"rgba", "rgba", 4, 1, true, ".tif"},  {"rgba64le", "rgba64le", 4, 2, true, ".tif"},
+  } cases[] = {{"rgba", "rgba", 4, 1, true},
+               {"rgba", "rgb24", 4, 1, false},
+               {"gray", "gray", 1, 1, false},
+               {"rgba64le", "rgba64be", 4, 2, true},
+               {"rgba64le", "rgb48be", 4, 2, false},
+               {"gray16le", "gray16be", 1, 2, false},
+               {"rgba", "rgba", 4, 1, true, ".tif"},
+               {"rgba64le", "rgba64le", 4, 2, true, ".tif"},
                {"rgba64le", "rgb48le", 4, 2, false, ".tif"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.file) + c.ext);

@@ -46,8 +46,8 @@ struct Result {
 // Runs tremor-render with `args` in `dir`; stdout and stderr kept apart.
 Result RunCli(const fs::path& dir, const std::string& args) {
   const fs::path out = Root() / "stdout.txt", err = Root() / "stderr.txt";
-  const std::string cmd = "cd " + Quote(dir) + " && " + Quote(TD_TREMOR_RENDER) + " " + args + " >" + Quote(out) +
-                          " 2>" + Quote(err);
+  const std::string cmd =
+      "cd " + Quote(dir) + " && " + Quote(TD_TREMOR_RENDER) + " " + args + " >" + Quote(out) + " 2>" + Quote(err);
   const int status = std::system(cmd.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(out), ReadAll(err)};
 }
@@ -105,8 +105,8 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
     size_t files = 0;
   } cases[] = {
       {"--version", 0, "tremor-render "},
-      {"--list-devices", 0, "opencl:0.0"},  // PoCL at least
-      {"--help", 0, "--blending-mode TEXT:{add,screen}=add"},  // the module's choices and default
+      {"--list-devices", 0, "opencl:0.0"},                              // PoCL at least
+      {"--help", 0, "--blending-mode TEXT:{add,screen}=add"},           // the module's choices and default
       {in + "out.mkv --jobs 3", 0, "tremor-render: 12 frames in ", 1},  // a video takes its frames in order
       {In("missing.%04d.png") + " -o out.%04d.exr", 1, "missing.%04d.png': No such file or directory"},
       {In("missing.mkv") + " -o out.mkv", 1, "cannot open input '" + (Root() / "in/missing.mkv").string() + "'"},

@@ -153,5 +153,4 @@ inline float Compare(const Scene& s, const std::vector<unsigned char>& a, const 
   return worst;
 }
 
-
 #endif

@@ -106,8 +106,8 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
           kd.normalize = flags & 1;
           kd.motion_amp = (flags & 2) != 0;
           kd.chromatic = (flags & 4) != 0;
-          SCOPED_TRACE(testing::Message() << "diff " << diff << " blend " << blend << " output " << output
-                                          << " flags " << flags);
+          SCOPED_TRACE(testing::Message()
+                       << "diff " << diff << " blend " << blend << " output " << output << " flags " << flags);
           const bool displaced = kd.motion_amp || kd.chromatic;
           for (const Scene* s : {&pairs[flags % 2], displaced ? &stripes : &randomStack}) {
             kd.numFrames = s->numFrames;
@@ -117,8 +117,7 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(, DeviceRender,
-                         ::testing::Combine(::testing::Values("opencl", "cuda"), ::testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(, DeviceRender, ::testing::Combine(::testing::Values("opencl", "cuda"), ::testing::Bool()),
                          [](const ::testing::TestParamInfo<Param>& info) {
                            return std::get<0>(info.param) + (std::get<1>(info.param) ? "Half" : "Float");
                          });

@@ -48,7 +48,6 @@ TEST(OpenCLErrorText, SampleCodes) {
   for (const auto& [code, expected] : cases) {
     EXPECT_EQ(OpenCLErrorText(code), expected) << code;
   }
-
 }
 
 // "6.1" of the kernel release "6.1.0-18-amd64": what the OS version must say.
@@ -96,9 +95,9 @@ TEST_F(GPUIdentityTest, AnAdapterIsLoggedAndNamedShortAndWithoutOneOnlyTheOsLine
   SetAdapterIdentifierOverride(&id);
   GPUStatusText text;
   FillGPUIdentity(text);
-  EXPECT_EQ(Records(), (std::vector<std::string>{"GPU DeviceName: \\\\.\\DISPLAY1", "GPU Driver: nvldumdx.dll",
-                                                 "GPU Description: NVIDIA GeForce RTX 3080 Ti",
-                                                 "GPU: RTX 3080, OS: " + os_}));
+  EXPECT_EQ(Records(),
+            (std::vector<std::string>{"GPU DeviceName: \\\\.\\DISPLAY1", "GPU Driver: nvldumdx.dll",
+                                      "GPU Description: NVIDIA GeForce RTX 3080 Ti", "GPU: RTX 3080, OS: " + os_}));
   EXPECT_EQ(text.gpuName, "RTX 3080");
   EXPECT_EQ(text.osVersion, os_);
   EXPECT_TRUE(text.frameworkName.empty() && text.noticeLine1.empty() && text.noticeLine2.empty());

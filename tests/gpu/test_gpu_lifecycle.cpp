@@ -324,21 +324,28 @@ struct FakeCuda {
     failOnLaunch = -1;
     launches = mallocs = frees = 0;
     CudaCalls& c = GetCudaCalls();
-    c.malloc = [](void** p, size_t) { ++mallocs; *p = reinterpret_cast<void*>(0x400); return 0; };
+    c.malloc = [](void** p, size_t) {
+      ++mallocs;
+      *p = reinterpret_cast<void*>(0x400);
+      return 0;
+    };
     c.memcpyHostToDevice = [](void*, const void*, size_t) { return 0; };
-    c.free = [](void*) { ++frees; return 0; };
+    c.free = [](void*) {
+      ++frees;
+      return 0;
+    };
     c.peekAtLastError = []() { return launches - 1 == failOnLaunch ? 98 : 0; };
     c.getErrorString = [](int e) { return e == 98 ? "invalid device function" : "no error"; };
     c.launchMain = [](const void*, const void*, void*, void*, const void*, int, int, int, int, unsigned int,
                       unsigned int, const void*, unsigned int) { ++launches; };
-    c.launchResize = [](const void*, void*, int, int, int, unsigned int, unsigned int, unsigned int, unsigned int,
-                        int, int, unsigned int) { ++launches; };
+    c.launchResize = [](const void*, void*, int, int, int, unsigned int, unsigned int, unsigned int, unsigned int, int,
+                        int, unsigned int) { ++launches; };
   }
 };
 
 TEST_F(GpuLifecycle, CudaPassChecksEachLaunch) {
   FakeCuda::Install();
-    PassSetUp p;
+  PassSetUp p;
   p.pre.inOffsetX = p.cur.inOffsetX = 2;
   EXPECT_EQ(p.Run(CUDA, nullptr), 0);  // CUDA needs no kernel list
   EXPECT_EQ(FakeCuda::launches, 3);

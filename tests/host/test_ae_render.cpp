@@ -151,7 +151,7 @@ TEST_F(AeRender, ThreadedRendersEqualSerialOnesAndKeepTheirOwnCallbacks) {
   host_->ResetUploadCount();
   host_->ClearCallLog();
   const auto threaded = host_->RenderMany(times, 3, RenderPath::SmartGPU);
-  EXPECT_EQ(host_->UploadCount(), 0u);  // the serial renders left every frame in the cache
+  EXPECT_EQ(host_->UploadCount(), 0u);                // the serial renders left every frame in the cache
   std::map<uint64_t, std::pair<int, int>> perRender;  // bookings, check-ins
   for (const auto& c : host_->CallLog()) {
     perRender[c.renderId].first += c.op == "checkout_layer";
@@ -189,7 +189,7 @@ TEST_F(AeHostTest, LoadFailuresNameWhatIsMissingOnOneLine) {
   };
   const std::string intact = stage("intact", pipl);
   HostOptions badPadding;
-  badPadding.rowPaddingBytes = 8;  // rows of 16-byte pixels could not be addressed in pixels
+  badPadding.rowPaddingBytes = 8;                             // rows of 16-byte pixels could not be addressed in pixels
   EXPECT_EQ(message([&] { AeHost h(intact); }), "no error");  // the staging itself is sound
   const std::pair<std::string, const char*> cases[] = {
       {message([] { AeHost h("/no/such/folder/effect.so"); }), "/no/such/folder/effect.so"},
@@ -310,8 +310,9 @@ TEST_F(AeHostTest, CommandsAndCallbacksOfARenderAreLoggedInOrder) {
 // The notice is the process's: a GPU frame takes down one that earlier renders
 // raised, and none comes while a device is set up.
 TEST_F(EffectHosted, SoftwareNoticeComesOnceOnAnEarlySoftwareFrame) {
-  const std::string ae = "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only "
-                         "supports GPU acceleration. Go in File > Project Settings";
+  const std::string ae =
+      "Wrong Settings for GPU Acceleration\n\nSorry, the current version of the plugin only "
+      "supports GPU acceleration. Go in File > Project Settings";
   const std::string select = " and select 'Mercury GPU Acceleration'";
   const struct {
     A_long applId;
@@ -386,7 +387,7 @@ TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
   const struct {
     const char* op;
     int nth;
-  } failures[] = {{"CreateGPUWorld", 1}, {"CreateGPUWorld", 2}, {"CreateGPUWorld", 3},
+  } failures[] = {{"CreateGPUWorld", 1},  {"CreateGPUWorld", 2},        {"CreateGPUWorld", 3},
                   {"GetGPUWorldData", 3}, {"checkout_layer_pixels", 4}, {"checkout_output", 1}};
   for (const auto& f : failures) {
     SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth);

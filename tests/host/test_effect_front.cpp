@@ -38,7 +38,9 @@ TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
   EXPECT_EQ(host_->ParamsSetup(), PF_Err_BAD_CALLBACK_PARAM);
   EXPECT_TRUE(host_->Params().empty());
   EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Exception code at event PF_Cmd_PARAMS_SETUP is "
-                     "PF_Err_BAD_CALLBACK_PARAM (516)\n"), 1u) << Log();
+                     "PF_Err_BAD_CALLBACK_PARAM (516)\n"),
+            1u)
+      << Log();
   host_->ClearInjections();
 
   // Anything else thrown becomes 512, and the suites still go back.
@@ -50,14 +52,16 @@ TEST_F(EffectFront, FailedCommandsLeaveOneLineAndTheirCode) {
   };
   EXPECT_EQ(host_->ParamsSetup(), PF_Err_INTERNAL_STRUCT_DAMAGED);
   EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Exception at event PF_Cmd_PARAMS_SETUP. Error is Parameter with given"
-                     " Disk ID not found\n"), 1u);
+                     " Disk ID not found\n"),
+            1u);
   host_->Options().beforeCommand = [](PF_Cmd, PF_InData& in, PF_OutData&) {
     in.inter.register_ui = [](PF_ProgPtr, PF_CustomUIInfo*) -> PF_Err { throw 3.5; };
   };
   EXPECT_EQ(host_->ParamsSetup(), PF_Err_INTERNAL_STRUCT_DAMAGED);
   EXPECT_EQ(LogCount(":EffectMain] :: Try Catch Uknown Exception at event PF_Cmd_PARAMS_SETUP\n"), 1u);
   int held = 0;
-  for (const auto& call : host_->CallLog()) held += (call.op == "AcquireSuite" && !call.result) - (call.op == "ReleaseSuite");
+  for (const auto& call : host_->CallLog())
+    held += (call.op == "AcquireSuite" && !call.result) - (call.op == "ReleaseSuite");
   EXPECT_EQ(held, 0);
 
   // A refused parameter stops registration at once.

@@ -66,9 +66,9 @@ TEST(FrameSchedule, TimesFollowTheOffsetInSinglePrecision) {
     float offset;
     std::vector<A_long> times;  // of frames 1.. (frame 0 is the current time itself)
   } rows[] = {
-      {5005, 1.0f, {4004, 3003, 2002}},   {5005, -1.0f, {6006, 7007, 8008}},
-      {5005, 0.5f, {4504, 4004, 3503}},   // halves cut
-      {1001, 1.0f, {0, -1001, -2002}},    // before the clip
+      {5005, 1.0f, {4004, 3003, 2002}}, {5005, -1.0f, {6006, 7007, 8008}},
+      {5005, 0.5f, {4504, 4004, 3503}},  // halves cut
+      {1001, 1.0f, {0, -1001, -2002}},   // before the clip
       {3003, 0.0f, {3003, 3003, 3003}},
   };
   for (const auto& r : rows) {
@@ -81,8 +81,8 @@ TEST(FrameSchedule, TimesFollowTheOffsetInSinglePrecision) {
 }
 
 TEST(FrameSchedule, StackLengthIsCutAndKeptWithinTheOrigins) {
-  for (const auto& [frames, length] : std::vector<std::pair<double, int>>{
-           {10.9, 10}, {3.0, 3}, {50.0, 50}, {80.0, 50}, {0.5, 1}, {-4.0, 1}})
+  for (const auto& [frames, length] :
+       std::vector<std::pair<double, int>>{{10.9, 10}, {3.0, 3}, {50.0, 50}, {80.0, 50}, {0.5, 1}, {-4.0, 1}})
     EXPECT_EQ(StackLength(frames), length) << frames;
 }
 

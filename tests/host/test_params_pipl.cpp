@@ -20,7 +20,7 @@ TEST(ParamTable, UniqueIdsInHostOrderAndDefaultsInRange) {
 
   for (const ParamRecord& row : table) {
     SCOPED_TRACE(row.name);
-    EXPECT_LE(row.name.size(), 31u);  // the host keeps 31 characters
+    EXPECT_LE(row.name.size(), 31u);      // the host keeps 31 characters
     EXPECT_EQ(row.flags.value_or(0), 0);  // no row asks to hear of changes
     if (row.kind == ParamKind::FloatSlider) {
       EXPECT_LE(*row.min, std::get<float>(row.defaultValue));

@@ -29,7 +29,10 @@ struct TestFrame {
   // Colour in R, G, B, A order; stored as B, G, R, A.
   void Set(int x, int y, float r, float g, float b, float a) {
     float* p = data() + (static_cast<size_t>(y) * pitch + x) * 4;
-    p[0] = b; p[1] = g; p[2] = r; p[3] = a;
+    p[0] = b;
+    p[1] = g;
+    p[2] = r;
+    p[3] = a;
   }
   void Fill(float r, float g, float b, float a) {
     for (int y = 0; y < height; ++y)

@@ -14,8 +14,7 @@ using gfcpu::make_float2;
 using gfcpu::make_float4;
 
 float4 Sample(const TestFrame& f, float u, float v) {
-  return gfcpu::getTexture(reinterpret_cast<const float4*>(f.data()), make_float2(u, v), f.width, f.height,
-                           f.pitch, 0);
+  return gfcpu::getTexture(reinterpret_cast<const float4*>(f.data()), make_float2(u, v), f.width, f.height, f.pitch, 0);
 }
 
 // Pixel (x, y) holds R = x and G = y, so a read tells which pixel it hit.
@@ -28,9 +27,10 @@ TestFrame CoordinateFrame(int w, int h, int pitch = 0) {
 
 TEST(GetTexture, NearestPixelWithEdgesRepeatedOutside) {
   const TestFrame f = CoordinateFrame(8, 4, 11);
-  struct Row { float u, v, x, y; } rows[] = {
-      {0.5f, 0.5f, 4, 2},   {-0.001f, 0.5f, 0, 2}, {1.0f, 0.5f, 7, 2},
-      {3.0f, -2.0f, 7, 0},  // both components clamp
+  struct Row {
+    float u, v, x, y;
+  } rows[] = {
+      {0.5f, 0.5f, 4, 2},   {-0.001f, 0.5f, 0, 2}, {1.0f, 0.5f, 7, 2}, {3.0f, -2.0f, 7, 0},  // both components clamp
       {0.999f, 1.2f, 7, 3},  // one out of range clamps both: u moves down to the last pixel
   };
   for (const Row& r : rows) {
@@ -49,16 +49,23 @@ TEST(GetTexture, NearestPixelWithEdgesRepeatedOutside) {
 }
 
 TEST(FlowMaths, VelocityRampAndFlowVector) {
-  struct Ramp { float vel, lo, hi, expected; } ramps[] = {
-      {0.01f, 0.01f, 0.5f, 0.0f}, {0.5f, 0.01f, 0.5f, 1.0f}, {0.255f, 0.01f, 0.5f, 0.5f},
+  struct Ramp {
+    float vel, lo, hi, expected;
+  } ramps[] = {
+      {0.01f, 0.01f, 0.5f, 0.0f},
+      {0.5f, 0.01f, 0.5f, 1.0f},
+      {0.255f, 0.01f, 0.5f, 0.5f},
       {0.1325f, 0.5f, 0.01f, 0.15625f},  // a quarter of the way, edges swapped: smooth, not linear
-      {0.0f, 0.0f, 0.0f, 0.0f}, {-0.3f, 0.0f, 0.0f, 0.0f}, {1e-6f, 0.0f, 0.0f, 1.0f},  // equal edges: a hard step
+      {0.0f, 0.0f, 0.0f, 0.0f},
+      {-0.3f, 0.0f, 0.0f, 0.0f},
+      {1e-6f, 0.0f, 0.0f, 1.0f},  // equal edges: a hard step
   };
   for (const Ramp& r : ramps)
     EXPECT_NEAR(gfcpu::velocityRamp(r.vel, r.lo, r.hi), r.expected, 1e-6f) << r.vel << " " << r.lo << " " << r.hi;
 
-  struct Vec { float fx, fy, x, y; } vecs[] = {{0.03f, 0.02f, 0.3f, -0.2f}, {-0.03f, -0.02f, -0.3f, 0.2f},
-                                               {0.5f, 0.0f, 5.0f, 0.0f}};
+  struct Vec {
+    float fx, fy, x, y;
+  } vecs[] = {{0.03f, 0.02f, 0.3f, -0.2f}, {-0.03f, -0.02f, -0.3f, 0.2f}, {0.5f, 0.0f, 5.0f, 0.0f}};
   for (const Vec& v : vecs) {
     const float2 f = gfcpu::getFlowVector(v.fx, v.fy, make_float2(10.0f, 10.0f));
     EXPECT_FLOAT_EQ(f.x, v.x) << v.fx;
@@ -85,13 +92,18 @@ struct FlowPair {
   const float4* Ptr(const TestFrame& f) { return reinterpret_cast<const float4*>(f.data()); }
   float2 Flow() { return gfcpu::getFlow(Ptr(pre), Ptr(cur), &kd, 40, 40, 40, 40, 0, 20, 20); }
   float4 Read(int x, int y) {
-    return gfcpu::displacedRead(Ptr(im), Ptr(pre), Ptr(cur), &kd, make_float2(x / 40.0f, y / 40.0f), 40, 40, 40,
-                                40, 0, x, y);
+    return gfcpu::displacedRead(Ptr(im), Ptr(pre), Ptr(cur), &kd, make_float2(x / 40.0f, y / 40.0f), 40, 40, 40, 40, 0,
+                                x, y);
   }
 };
 
 TEST(GetFlow, MovesOnlyWhereTheOlderFrameIsBrighter) {
-  struct Row { const char* what; float step, slope, alpha; bool hardStep; float lo, hi; } rows[] = {
+  struct Row {
+    const char* what;
+    float step, slope, alpha;
+    bool hardStep;
+    float lo, hi;
+  } rows[] = {
       // gradX of 4 * slope over both frames and taps: 0.0711 is enough for a flow of 1.
       {"saturates", 0.6f, 0.0711f / 4.0f, 1.0f, false, 1.0f, 1.0f},
       {"below saturation", 0.6f, 0.05f / 4.0f, 1.0f, false, 0.5f, 0.99f},
@@ -124,20 +136,28 @@ TEST(DisplacedRead, MovesFiveTexelsAlongTheFlowWithMotionAmplification) {
 // ---- Blend modes: base is the new difference, blend the accumulation. ----
 
 float Blend(int mode, float base, float blend) {
-  return gfcpu::applyBlendMode(make_float4(base, base, base, base), make_float4(blend, blend, blend, blend), 1.0f,
-                               mode)
+  return gfcpu::applyBlendMode(make_float4(base, base, base, base), make_float4(blend, blend, blend, blend), 1.0f, mode)
       .x;
 }
 
 TEST(BlendModes, EveryModeAtFullWeight) {
   // Unclamped where the formula has no clamp; unknown modes keep the base.
-  struct Row { int mode; float base, blend, expected; } rows[] = {
-      {BLEND_NONE, 0.3f, 0.9f, 0.3f},           {BLEND_ADD, 0.7f, 0.6f, 1.3f},
-      {BLEND_SCREEN, 0.5f, 0.5f, 0.75f},        {BLEND_SCREEN, 1.5f, 2.0f, 0.5f},
-      {BLEND_LIGHTEN, 0.3f, 0.6f, 0.6f},        {BLEND_COLOR_DODGE, 0.2f, 0.5f, 0.4f},
-      {BLEND_OVERLAY, 0.25f, 0.75f, 0.375f},    {BLEND_SOFT_LIGHT, 0.25f, 0.75f, 0.375f},
-      {BLEND_LINEAR_LIGHT, 0.5f, 0.75f, 1.0f},  {BLEND_PIN_LIGHT, 0.8f, 0.25f, 0.5f},
-      {BLEND_HARD_MIX, 0.75f, 0.25f, 1.0f},     {BLEND_LIGHTER_COLOR, 0.3f, 0.6f, 0.6f},
+  struct Row {
+    int mode;
+    float base, blend, expected;
+  } rows[] = {
+      {BLEND_NONE, 0.3f, 0.9f, 0.3f},
+      {BLEND_ADD, 0.7f, 0.6f, 1.3f},
+      {BLEND_SCREEN, 0.5f, 0.5f, 0.75f},
+      {BLEND_SCREEN, 1.5f, 2.0f, 0.5f},
+      {BLEND_LIGHTEN, 0.3f, 0.6f, 0.6f},
+      {BLEND_COLOR_DODGE, 0.2f, 0.5f, 0.4f},
+      {BLEND_OVERLAY, 0.25f, 0.75f, 0.375f},
+      {BLEND_SOFT_LIGHT, 0.25f, 0.75f, 0.375f},
+      {BLEND_LINEAR_LIGHT, 0.5f, 0.75f, 1.0f},
+      {BLEND_PIN_LIGHT, 0.8f, 0.25f, 0.5f},
+      {BLEND_HARD_MIX, 0.75f, 0.25f, 1.0f},
+      {BLEND_LIGHTER_COLOR, 0.3f, 0.6f, 0.6f},
       {42, 0.3f, 0.9f, 0.3f},
   };
   for (const Row& r : rows)

@@ -99,15 +99,15 @@ TEST(FrameStackLoop, OffsetOrMismatchedFramesNeedACanvas) {
   fj.job.frames[1] = {&fj.frames[1], 30, 10, 33 * 16, 5, -2};
   ASSERT_EQ(RenderFrameStack(fj.job, host.Ops()), 0);
   const ResizeKernelArgs& pre = host.passes.back().pre;  // frame 1 is the older frame of the last pair
-  EXPECT_EQ(std::vector<int32_t>({pre.inSrcPitch, pre.inWidth, pre.inHeight, pre.inOffsetX, pre.inOffsetY,
-                                  pre.outWidth, pre.outHeight, pre.inDstPitch}),
+  EXPECT_EQ(std::vector<int32_t>({pre.inSrcPitch, pre.inWidth, pre.inHeight, pre.inOffsetX, pre.inOffsetY, pre.outWidth,
+                                  pre.outHeight, pre.inDstPitch}),
             std::vector<int32_t>({33, 30, 10, 5, -2, 37, 19, 40}));
   // In place only when offset, pitch and size all match the output.
   const ResizeKernelArgs cur = host.passes.back().cur;
   EXPECT_FALSE(FrameNeedsCanvas(cur));
-  for (int32_t ResizeKernelArgs::*field : {&ResizeKernelArgs::inOffsetX, &ResizeKernelArgs::inOffsetY,
-                                           &ResizeKernelArgs::inSrcPitch, &ResizeKernelArgs::inWidth,
-                                           &ResizeKernelArgs::inHeight}) {
+  for (int32_t ResizeKernelArgs::*field :
+       {&ResizeKernelArgs::inOffsetX, &ResizeKernelArgs::inOffsetY, &ResizeKernelArgs::inSrcPitch,
+        &ResizeKernelArgs::inWidth, &ResizeKernelArgs::inHeight}) {
     ResizeKernelArgs a = cur;
     a.*field -= 1;
     EXPECT_TRUE(FrameNeedsCanvas(a));
@@ -158,8 +158,8 @@ struct Render {
     FrameStackJob job;
     for (size_t i = 0; i < frames.size(); ++i) {
       const auto o = i < offsets.size() ? offsets[i] : std::make_pair(0, 0);
-      job.frames.push_back({frames[i].data(), frames[i].width, frames[i].height, frames[i].pitch * 16, o.first,
-                            o.second});
+      job.frames.push_back(
+          {frames[i].data(), frames[i].width, frames[i].height, frames[i].pitch * 16, o.first, o.second});
     }
     job.output = {out.data(), w, h, out.pitch * 16, 0, 0};
     job.is16f = false;

@@ -38,11 +38,17 @@ void ExpectRgba(const float4& p, const float4& e) {
 }
 
 TEST(MainKernel, OnePassOverUniformFrames) {
-  const float4 d = {0.4f, 0.5f, 0.3f, 0.5f};          // |older - newer|, newer alpha
+  const float4 d = {0.4f, 0.5f, 0.3f, 0.5f};  // |older - newer|, newer alpha
   const float lum = 0.3f * d.x + 0.59f * d.y + 0.11f * d.z;
-  const float k = 255.0f / 65.0f;                        // normalize, after the accumulation is stored
+  const float k = 255.0f / 65.0f;                         // normalize, after the accumulation is stored
   const float4 untouched = {-9.0f, -9.0f, -9.0f, -9.0f};  // only the last pass delivers
-  struct Row { float percent; DiffBlendMode diff; ColorFrom output; bool normalize; float4 im, dst; } rows[] = {
+  struct Row {
+    float percent;
+    DiffBlendMode diff;
+    ColorFrom output;
+    bool normalize;
+    float4 im, dst;
+  } rows[] = {
       {0.0f, DIFF_DIFF, FROM_MOTION, false, d, untouched},
       {1.0f, DIFF_DIFF, FROM_MOTION, false, d, d},
       {1.0f, DIFF_SUBT, FROM_MOTION, false, {0.4f, -0.5f, 0.3f, 0.5f}, {0.4f, -0.5f, 0.3f, 0.5f}},  // signed, unclamped
@@ -54,8 +60,8 @@ TEST(MainKernel, OnePassOverUniformFrames) {
       {1.0f, DIFF_DIFF, FROM_MOTION, true, d, {d.x * k, d.y * k, d.z * k, d.w * k}},  // accumulated alpha scales
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << "percent " << row.percent << " diff " << row.diff << " output "
-                                    << row.output << " normalize " << row.normalize);
+    SCOPED_TRACE(testing::Message() << "percent " << row.percent << " diff " << row.diff << " output " << row.output
+                                    << " normalize " << row.normalize);
     Launch l;
     l.pre.Fill(0.9f, 0.2f, 0.5f, 1.0f);
     l.cur.Fill(0.5f, 0.7f, 0.2f, 0.5f);

@@ -27,9 +27,13 @@ TEST(HalfConversion, EveryHalfAndEveryMidpointBetweenNeighbours) {
     ASSERT_EQ(FloatToHalfRn(above), h + 1) << std::hex << h;
     ASSERT_EQ(FloatToHalfRn(mid), (h & 1u) ? h + 1 : h) << std::hex << h;  // ties to even
   }
-  struct Row { float f; uint16_t rtz, rn; } rows[] = {  // round toward zero never reaches infinity
-      {70000.0f, 0x7bff, 0x7c00}, {65519.0f, 0x7bff, 0x7bff}, {65520.0f, 0x7bff, 0x7c00}, {INFINITY, 0x7c00, 0x7c00},
-      {-INFINITY, 0xfc00, 0xfc00}, {1e-10f, 0, 0}, {-0.0f, 0x8000, 0x8000}};
+  struct Row {
+    float f;
+    uint16_t rtz, rn;
+  } rows[] = {// round toward zero never reaches infinity
+              {70000.0f, 0x7bff, 0x7c00}, {65519.0f, 0x7bff, 0x7bff},  {65520.0f, 0x7bff, 0x7c00},
+              {INFINITY, 0x7c00, 0x7c00}, {-INFINITY, 0xfc00, 0xfc00}, {1e-10f, 0, 0},
+              {-0.0f, 0x8000, 0x8000}};
   for (const Row& r : rows) {
     EXPECT_EQ(FloatToHalfRtz(r.f), r.rtz) << r.f;
     EXPECT_EQ(FloatToHalfRn(r.f), r.rn) << r.f;
@@ -42,8 +46,10 @@ TEST(HalfConversion, EveryHalfAndEveryMidpointBetweenNeighbours) {
 
 TEST(ResizeKernel, PlacesFrameAtOffsetsOfEverySign) {
   // Offsets of either sign, frames larger than the canvas, frames wholly off it.
-  struct Case { int sw, sh, ox, oy; } cases[] = {
-      {20, 12, 10, 20}, {20, 12, -5, -3}, {50, 60, 0, 0}, {50, 60, -7, 4}, {20, 12, 37, 0}, {20, 12, -20, -12}};
+  struct Case {
+    int sw, sh, ox, oy;
+  } cases[] = {{20, 12, 10, 20}, {20, 12, -5, -3}, {50, 60, 0, 0},
+               {50, 60, -7, 4},  {20, 12, 37, 0},  {20, 12, -20, -12}};
   const int dw = 37, dh = 41;
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "offset " << c.ox << "," << c.oy << " size " << c.sw << "x" << c.sh);

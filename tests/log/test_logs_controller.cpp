@@ -109,8 +109,8 @@ TEST_F(LogTest, InitStartsAnEmptyLogAndRecordsBearALocalTimeStamp) {
   EXPECT_EQ(debug_, (Lines{"HLL :: Welcome!\n", "HLL :: Build log:\nline a\n"}));
   // Only a record's first line bears a time stamp, in local time.
   const std::string content = ReadAll(logFile_);
-  EXPECT_TRUE(std::regex_match(content, std::regex(kStamp + " HLL :: Welcome!\n" + kStamp +
-                                                   " HLL :: Build log:\nline a\n")))
+  EXPECT_TRUE(
+      std::regex_match(content, std::regex(kStamp + " HLL :: Welcome!\n" + kStamp + " HLL :: Build log:\nline a\n")))
       << content;
   std::tm stamp{};
   std::istringstream(content) >> std::get_time(&stamp, "%Y-%m-%d %H:%M:%S");
