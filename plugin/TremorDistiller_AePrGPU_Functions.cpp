@@ -24,6 +24,7 @@ std::mutex& KernelListLaunchLock(const KernelList* list) {
 struct CudaPass {
   const CudaCalls& cuda;
   void* params;
+  float weight;
   unsigned int blockSize;
   int32_t failureCode;
 };
@@ -46,7 +47,7 @@ int32_t CudaMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m
   const CudaPass& pass = *static_cast<const CudaPass*>(form);
   pass.cuda.launchMain(b.inPre, b.inCur, b.outIm, b.outDst, pass.params, m.inPrePitch, m.inCurPitch, m.inDstPitch,
                        m.in16f, static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight), b.inIm,
-                       pass.blockSize);
+                       pass.weight, pass.blockSize);
   return CheckCudaLaunch(pass);
 }
 
@@ -58,7 +59,7 @@ int32_t RenderPassCUDA(const PassBuffers& buffers, const KernelData& kernelData,
     LOG_ERROR_IN("GPURender", "CUDA Assert: this module was built without CUDA");
     return failureCode;
   }
-  CudaPass pass{cuda, nullptr, blockSize, failureCode};
+  CudaPass pass{cuda, nullptr, EasedWeight(kernelData), blockSize, failureCode};
   cuda.malloc(&pass.params, sizeof(KernelData));
   cuda.memcpyHostToDevice(pass.params, &kernelData, sizeof(KernelData));
   const int32_t status = RunPassLaunches({&pass, CudaResize, CudaMain}, buffers, mainArgs, preArgs, curArgs);
@@ -74,6 +75,7 @@ struct OpenCLPass {
   cl_kernel mainKernel;
   cl_kernel resizeKernel;
   cl_mem params;
+  float weight;
   size_t global[2];
   size_t local[2];
   int32_t failureCode;
@@ -111,6 +113,7 @@ int32_t OpenCLMain(void* form, const MainKernelBuffers& b, const MainKernelArgs&
   const int32_t* ints = &m.inPrePitch;  // six int32 in argument order
   for (int i = 0; i < 6; ++i) args.emplace_back(sizeof(int32_t), ints + i);
   args.emplace_back(sizeof(cl_mem), &mems[4]);
+  args.emplace_back(sizeof(float), &pass.weight);
   return EnqueueOpenCL(pass, pass.mainKernel, args);
 }
 
@@ -144,6 +147,7 @@ int32_t RenderPassOpenCL(const KernelList& kernels, cl_context context, cl_comma
                   static_cast<cl_kernel>(mainEntry.kernel),
                   static_cast<cl_kernel>(resizeEntry.kernel),
                   params,
+                  EasedWeight(kernelData),
                   {roundUp(mainArgs.inWidth), roundUp(mainArgs.inHeight)},
                   {blockSize, blockSize},
                   failureCode};

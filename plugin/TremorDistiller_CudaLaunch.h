@@ -6,7 +6,7 @@
 
 void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* outDst, const void* params,
                       int inPrePitch, int inCurPitch, int inDstPitch, int in16f, unsigned int inWidth,
-                      unsigned int inHeight, const void* inIm, unsigned int blockSize);
+                      unsigned int inHeight, const void* inIm, float weight, unsigned int blockSize);
 
 void LaunchResizeKernel(const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch, int in16f,
                         unsigned int inWidth, unsigned int inHeight, unsigned int outWidth, unsigned int outHeight,

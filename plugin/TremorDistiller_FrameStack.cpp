@@ -1,5 +1,6 @@
 #include "TremorDistiller_FrameStack.h"
 
+#include <cmath>
 #include <utility>
 
 #include "LogsController.h"
@@ -38,6 +39,10 @@ void SetPassMotionValues(KernelData& kernelData) {
     kernelData.minVel = 0.0f;
     kernelData.maxVel = 0.0f;
   }
+}
+
+float EasedWeight(const KernelData& kd) {
+  return std::fmin(std::fmax(1.0f - std::pow(1.0f - kd.percent, kd.percentEase), 0.0f), 1.0f);
 }
 
 int32_t RunPassLaunches(const PassLaunches& launches, const PassBuffers& b, const MainKernelArgs& mainArgs,

@@ -109,6 +109,10 @@ int32_t RunPassLaunches(const PassLaunches& launches, const PassBuffers& buffers
 // Values that "Motion Amplification" switches, set at the start of each pass.
 void SetPassMotionValues(KernelData& kernelData);
 
+// How much of the older accumulation a pass keeps: the newest pair counts
+// fully, older ones fade. One value per pass, handed to MainKernel.
+float EasedWeight(const KernelData& kernelData);
+
 // A frame goes on its canvas when it is offset, and also when it cannot stand
 // in for the output as it is: the kernels address both frames of a pair with
 // the output's pitch and size, so a frame of another pitch or size used in

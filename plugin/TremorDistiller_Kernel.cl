@@ -14,11 +14,13 @@
 /* One pass over a pair of frames. The previous pass's accumulation is read
  * from inIm and the new one written to outIm, two buffers swapped by the
  * frame-stack loop, so no launch reads what it writes: displaced reads reach
- * neighbouring pixels, and work-groups run in parallel. */
+ * neighbouring pixels, and work-groups run in parallel. The pass's eased
+ * weight (EasedWeight on the host) is the same for every pixel, so it comes
+ * as an argument rather than being worked out per work-item. */
 GF_KERNEL MainKernel(GF_CONST_PTR(float4) inPre, GF_CONST_PTR(float4) inCur, GF_PTR(float4) outIm,
                      GF_PTR(float4) outDst, GF_CONST_PTR(KernelData) params, int inPrePitch, int inCurPitch,
                      int inDstPitch, int in16f, unsigned int inWidth, unsigned int inHeight,
-                     GF_CONST_PTR(float4) inIm) {
+                     GF_CONST_PTR(float4) inIm, float weight) {
   unsigned int x = GF_GLOBAL_ID_X;
   unsigned int y = GF_GLOBAL_ID_Y;
   if (x >= inWidth || y >= inHeight) return;
@@ -41,8 +43,7 @@ GF_KERNEL MainKernel(GF_CONST_PTR(float4) inPre, GF_CONST_PTR(float4) inCur, GF_
   if (params->percent != 0.0f) {
     float4 intermediate =
         displacedRead(inIm, inPre, inCur, params, uv, inWidth, inHeight, inPrePitch, inCurPitch, in16f, x, y);
-    float percent = fmin(fmax(1.0f - pow(1.0f - params->percent, params->percentEase), 0.0f), 1.0f);
-    fragColor = applyBlendMode(fragColor, intermediate, percent, params->blendMode);
+    fragColor = applyBlendMode(fragColor, intermediate, weight, params->blendMode);
   }
 
   int dstIndex = (int)(y * (unsigned int)inDstPitch + x);

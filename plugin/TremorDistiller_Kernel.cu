@@ -11,11 +11,11 @@ static dim3 GridFor(unsigned int w, unsigned int h, unsigned int blockSize) {
 
 void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* outDst, const void* params,
                       int inPrePitch, int inCurPitch, int inDstPitch, int in16f, unsigned int inWidth,
-                      unsigned int inHeight, const void* inIm, unsigned int blockSize) {
+                      unsigned int inHeight, const void* inIm, float weight, unsigned int blockSize) {
   dim3 block(blockSize, blockSize, 1);
   MainKernel<<<GridFor(inWidth, inHeight, blockSize), block, 0, 0>>>(
       (const float4*)inPre, (const float4*)inCur, (float4*)outIm, (float4*)outDst, (const KernelData*)params,
-      inPrePitch, inCurPitch, inDstPitch, in16f, inWidth, inHeight, (const float4*)inIm);
+      inPrePitch, inCurPitch, inDstPitch, in16f, inWidth, inHeight, (const float4*)inIm, weight);
   (void)cudaDeviceSynchronize();
 }
 

@@ -42,12 +42,12 @@ void Launch2D(const CpuLaunchConfig& config, unsigned int w, unsigned int h, Bod
 
 void CpuMainKernel(const CpuLaunchConfig& config, const void* inPre, const void* inCur, void* outIm, void* outDst,
                    const KernelData* params, int inPrePitch, int inCurPitch, int inDstPitch, int in16f,
-                   unsigned int inWidth, unsigned int inHeight, const void* inIm) {
+                   unsigned int inWidth, unsigned int inHeight, const void* inIm, float weight) {
   using gfcpu::float4;
   Launch2D(config, inWidth, inHeight, [&] {
     gfcpu::MainKernel(static_cast<const float4*>(inPre), static_cast<const float4*>(inCur), static_cast<float4*>(outIm),
                       static_cast<float4*>(outDst), params, inPrePitch, inCurPitch, inDstPitch, in16f, inWidth,
-                      inHeight, static_cast<const float4*>(inIm));
+                      inHeight, static_cast<const float4*>(inIm), weight);
   });
 }
 

@@ -22,7 +22,7 @@ struct CpuLaunchConfig {
 
 void CpuMainKernel(const CpuLaunchConfig& config, const void* inPre, const void* inCur, void* outIm, void* outDst,
                    const KernelData* params, int inPrePitch, int inCurPitch, int inDstPitch, int in16f,
-                   unsigned int inWidth, unsigned int inHeight, const void* inIm);
+                   unsigned int inWidth, unsigned int inHeight, const void* inIm, float weight);
 
 void CpuResizeKernel(const CpuLaunchConfig& config, const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch,
                      int in16f, unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,

@@ -9,6 +9,7 @@ namespace {
 struct CpuPass {
   const CpuLaunchConfig& config;
   const KernelData& params;
+  float weight;
 };
 
 int32_t CpuResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
@@ -22,7 +23,7 @@ int32_t CpuMain(void* form, const MainKernelBuffers& b, const MainKernelArgs& m)
   const CpuPass& pass = *static_cast<const CpuPass*>(form);
   CpuMainKernel(pass.config, b.inPre, b.inCur, b.outIm, b.outDst, &pass.params, m.inPrePitch, m.inCurPitch,
                 m.inDstPitch, m.in16f, static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight),
-                b.inIm);
+                b.inIm, pass.weight);
   return 0;
 }
 
@@ -33,7 +34,7 @@ int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& b, Kerne
   SetPassMotionValues(kd);
   // The kernels read their own copy of the record, as a device would.
   const KernelData params = kd;
-  CpuPass pass{config, params};
+  CpuPass pass{config, params, EasedWeight(params)};
   return RunPassLaunches({&pass, CpuResize, CpuMain}, b, m, pre, cur);
 }
 

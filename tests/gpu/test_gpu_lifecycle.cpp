@@ -240,9 +240,9 @@ TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeedsAndStopsAtTheFirstFailure
     int32_t status;
     size_t resizes, mains, setArgs;
   } rows[] = {
-      {0, 0, -1, 0, 0, 1, 12},   // no canvas: frames used in place
-      {3, 0, -1, 0, 1, 1, 23},   // the older frame only
-      {3, -1, -1, 0, 2, 1, 34},  // both, each on its own canvas
+      {0, 0, -1, 0, 0, 1, 13},   // no canvas: frames used in place
+      {3, 0, -1, 0, 1, 1, 24},   // the older frame only
+      {3, -1, -1, 0, 2, 1, 35},  // both, each on its own canvas
       {0, 1, 3, 512, 0, 0, 4},   // a failed argument skips every later one
   };
   for (const auto& row : rows) {
@@ -262,7 +262,7 @@ TEST_F(GpuLifecycle, PassLaunchesOnlyTheCanvasesItNeedsAndStopsAtTheFirstFailure
       EXPECT_EQ(FakeCL::calls.back(), "enqueue MainKernel");
     }
     for (size_t i = 0; i < FakeCL::argIndices.size(); ++i) {  // each kernel's arguments in order from 0
-      EXPECT_EQ(FakeCL::argIndices[i], row.resizes && i < 11 * row.resizes ? i % 11 : (i - 11 * row.resizes) % 12);
+      EXPECT_EQ(FakeCL::argIndices[i], row.resizes && i < 11 * row.resizes ? i % 11 : (i - 11 * row.resizes) % 13);
     }
     EXPECT_EQ(FakeCL::buffersLive, 0);  // the parameter copy is released on every way out
   }
@@ -337,7 +337,7 @@ struct FakeCuda {
     c.peekAtLastError = []() { return launches - 1 == failOnLaunch ? 98 : 0; };
     c.getErrorString = [](int e) { return e == 98 ? "invalid device function" : "no error"; };
     c.launchMain = [](const void*, const void*, void*, void*, const void*, int, int, int, int, unsigned int,
-                      unsigned int, const void*, unsigned int) { ++launches; };
+                      unsigned int, const void*, float, unsigned int) { ++launches; };
     c.launchResize = [](const void*, void*, int, int, int, unsigned int, unsigned int, unsigned int, unsigned int, int,
                         int, unsigned int) { ++launches; };
   }

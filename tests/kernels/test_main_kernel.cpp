@@ -26,7 +26,8 @@ struct Launch {
   }
   void Run(float percent) {
     kd.percent = percent;
-    CpuMainKernel(config, pre.data(), cur.data(), outIm.data(), outDst.data(), &kd, w, w, w, 0, w, h, inIm.data());
+    CpuMainKernel(config, pre.data(), cur.data(), outIm.data(), outDst.data(), &kd, w, w, w, 0, w, h, inIm.data(),
+                  EasedWeight(kd));
   }
 };
 
@@ -93,7 +94,7 @@ TEST(MainKernel, NegativeDifferencesStoreZeroInCuda16Bit) {
   l.config.halfForm = CpuHalfForm::CUDA;
   l.kd.percent = 1.0f;
   CpuMainKernel(l.config, pre.data(), cur.data(), outIm.data(), outDst.data(), &l.kd, l.w, l.w, l.w, 1, l.w, l.h,
-                acc.data());
+                acc.data(), EasedWeight(l.kd));
   EXPECT_EQ(outDst[0], 0);
   EXPECT_EQ(outDst[2], 0);
   EXPECT_EQ(outDst[3], 15360);  // alpha 1 + 0 survives exactly
