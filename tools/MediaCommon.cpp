@@ -1,7 +1,12 @@
 #include "MediaCommon.h"
 
-#include <cerrno>
 #include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <utility>
+#include <vector>
 
 extern "C" {
 #include <libavutil/dict.h>
@@ -24,6 +29,53 @@ std::string FrameName(const std::string& pattern, int64_t number) {
   if (av_get_frame_filename2(buf, sizeof buf, pattern.c_str(), static_cast<int>(number), 0) < 0)
     throw MediaError("cannot name frame " + std::to_string(number) + " from pattern '" + pattern + "'");
   return buf;
+}
+
+namespace {
+
+struct FileId {
+  dev_t device;
+  ino_t inode;
+  bool operator<(const FileId& o) const { return device != o.device ? device < o.device : inode < o.inode; }
+};
+
+// The existing files a path names: itself, or the files of its folder whose
+// name the pattern gives for one of the numbers written in it.
+std::vector<std::pair<FileId, std::string>> ExistingFiles(const std::string& path) {
+  std::vector<std::pair<FileId, std::string>> files;
+  auto add = [&](const std::string& file) {
+    struct stat st {};
+    if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back({{st.st_dev, st.st_ino}, file});
+  };
+  if (!IsPattern(path)) {
+    add(path);
+    return files;
+  }
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
+      const size_t end = name.find_first_not_of("0123456789", at);
+      const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      if (digits.size() <= 9 && (folder / name).string() == FrameName(path, std::stoll(digits))) {
+        add(entry.path().string());
+        break;
+      }
+      at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
+    }
+  }
+  return files;
+}
+
+}  // namespace
+
+std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output) {
+  std::map<FileId, std::string> inputs;
+  for (auto& [id, file] : ExistingFiles(input)) inputs.emplace(id, file);
+  for (const auto& [id, file] : ExistingFiles(output))
+    if (inputs.count(id)) return file;
+  return {};
 }
 
 FramePtr NewFrame(AVPixelFormat fmt, int w, int h) {

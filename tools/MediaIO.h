@@ -65,6 +65,11 @@ class Reader {
   std::unique_ptr<Impl> impl_;
 };
 
+// An existing file that is one of the input's and that the output would write
+// over (a video's path, or a pattern's files), or "" when they share none.
+// Compared by device and inode, so other spellings of a path and links count.
+std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output);
+
 // FFmpeg's own log down to errors only (its default also prints encoder stats).
 void QuietLibraries();
 

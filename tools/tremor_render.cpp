@@ -75,6 +75,9 @@ int main(int argc, char** argv) {
     return Fail(e.what());
   }
   if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
+  // The output is published by renaming over what is there: never over the input.
+  if (const std::string shared = media::FileSharedByInputAndOutput(o.input, o.output); !shared.empty())
+    return Fail("output '" + o.output + "' would overwrite the input file '" + shared + "'", 2);
   if (!host) return Fail(moduleError);
 
   render::CatchInterrupts();

@@ -128,6 +128,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --jobs 0", 2, "--jobs"},
       {in + "out.%04d.exr --no-such-option", 2, "--no-such-option"},
       {In("in.%04d.png"), 2, "INPUT and -o OUTPUT are required (see --help)"},
+      // The input is never written over, however the output is spelled.
+      {In("audio.wav") + " -o " + Quote(Root() / "in/../in/audio.wav"), 2, "would overwrite the input file"},
+      {In("in.%04d.png") + " -o " + Quote(Root() / "in/./in.%04d.png") + " --start 3", 2, "would overwrite the input"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
