@@ -108,6 +108,9 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   if (format.sequence) return;
   const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
   if (r < 0 || !m.mux) throw MediaError("cannot create output '" + output + "': " + AvError(r));
+  // The same render gives the same file: no random ids (Matroska's segment
+  // id) and no library version in the container.
+  m.mux->flags |= AVFMT_FLAG_BITEXACT;
   if (!audioSource.empty() && !IsPattern(audioSource)) m.OpenAudioSource(audioSource);
 }
 
