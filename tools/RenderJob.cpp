@@ -171,8 +171,6 @@ const media::OutputFormat& CheckCommand(const Options& o) {
   const fs::path output(o.output);
   const fs::path outDir = output.parent_path().empty() ? fs::path(".") : output.parent_path();
   if (!fs::is_directory(outDir)) throw Failure("output folder " + outDir.string() + " does not exist");
-  if (o.end >= 0 && o.end < o.start) throw Failure("--end must not be before --start");
-  CheckDeviceSyntax(o.device);
   return format;
 }
 

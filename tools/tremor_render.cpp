@@ -75,6 +75,12 @@ int main(int argc, char** argv) {
     return Fail(e.what());
   }
   if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
+  if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
+  try {
+    render::CheckDeviceSyntax(o.device);
+  } catch (const std::exception& e) {
+    return Fail(e.what(), 2);
+  }
   // The output is published by renaming over what is there: never over the input.
   if (const std::string shared = media::FileSharedByInputAndOutput(o.input, o.output); !shared.empty())
     return Fail("output '" + o.output + "' would overwrite the input file '" + shared + "'", 2);
