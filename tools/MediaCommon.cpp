@@ -39,8 +39,29 @@ struct FileId {
   bool operator<(const FileId& o) const { return device != o.device ? device < o.device : inode < o.inode; }
 };
 
-// The existing files a path names: itself, or the files of its folder whose
-// name the pattern gives for one of the numbers written in it.
+// The existing files of a pattern by their number: the files of its folder
+// whose name the pattern gives for a number written in that name.
+std::map<int64_t, std::string> PatternFiles(const std::string& pattern) {
+  std::map<int64_t, std::string> files;
+  const std::filesystem::path folder = std::filesystem::path(pattern).parent_path();
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
+      const size_t end = name.find_first_not_of("0123456789", at);
+      const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      const int64_t n = digits.size() <= 9 ? std::stoll(digits) : -1;
+      if (n >= 0 && (folder / name).string() == FrameName(pattern, n)) {
+        files.emplace(n, (folder / name).string());
+        break;
+      }
+      at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
+    }
+  }
+  return files;
+}
+
+// The regular files a path names: itself, or a pattern's files.
 std::vector<std::pair<FileId, std::string>> ExistingFiles(const std::string& path) {
   std::vector<std::pair<FileId, std::string>> files;
   auto add = [&](const std::string& file) {
@@ -49,23 +70,23 @@ std::vector<std::pair<FileId, std::string>> ExistingFiles(const std::string& pat
   };
   if (!IsPattern(path)) {
     add(path);
-    return files;
-  }
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
-    const std::string name = entry.path().filename().string();
-    for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
-      const size_t end = name.find_first_not_of("0123456789", at);
-      const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
-      if (digits.size() <= 9 && (folder / name).string() == FrameName(path, std::stoll(digits))) {
-        add(entry.path().string());
-        break;
-      }
-      at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
-    }
+  } else {
+    for (const auto& [n, file] : PatternFiles(path)) add(file);
   }
   return files;
+}
+
+// "5, 9-12" for the numbers between first and last that have no file.
+std::string MissingNumbers(const std::map<int64_t, std::string>& files) {
+  std::string text;
+  int shown = 0;
+  for (auto it = files.begin(), next = std::next(it); next != files.end(); it = next++) {
+    if (next->first == it->first + 1) continue;
+    if (++shown > 5) return text + ", ...";
+    const int64_t from = it->first + 1, to = next->first - 1;
+    text += (text.empty() ? "" : ", ") + std::to_string(from) + (to > from ? "-" + std::to_string(to) : "");
+  }
+  return text;
 }
 
 }  // namespace
@@ -88,15 +109,6 @@ FramePtr NewFrame(AVPixelFormat fmt, int w, int h) {
   return f;
 }
 
-namespace {
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
-
-}  // namespace
-
 // For a pattern the first existing number becomes start_number, since the
 // demuxer only looks a few numbers ahead.
 InputPtr OpenInput(const std::string& input) {
@@ -104,11 +116,14 @@ InputPtr OpenInput(const std::string& input) {
   const AVInputFormat* fmt = nullptr;
   if (IsPattern(input)) {
     fmt = av_find_input_format("image2");
-    int first = -1;
-    for (int n = 0; n <= 99999 && first < 0; ++n)
-      if (Exists(FrameName(input, n))) first = n;
-    if (first < 0) throw MediaError("cannot open input '" + input + "': " + AvError(AVERROR(ENOENT)));
-    av_dict_set_int(&opts, "start_number", first, 0);
+    // Every number from the first to the last must have its file: the
+    // demuxer would stop at a gap, or take a lone missing file for a corrupt one.
+    const std::map<int64_t, std::string> files = PatternFiles(input);
+    if (files.empty()) throw MediaError("cannot open input '" + input + "': " + AvError(AVERROR(ENOENT)));
+    if (const std::string missing = MissingNumbers(files); !missing.empty())
+      throw MediaError("sequence '" + input + "' has no file for frame " + missing + " (its files run from " +
+                       std::to_string(files.begin()->first) + " to " + std::to_string(files.rbegin()->first) + ")");
+    av_dict_set_int(&opts, "start_number", files.begin()->first, 0);
   }
   AVFormatContext* raw = nullptr;
   const int r = avformat_open_input(&raw, input.c_str(), fmt, &opts);

@@ -85,6 +85,10 @@ class TremorRender : public ::testing::Test {
     // Frame 5 cut short after its header; frame 2 of another clip a different size.
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 8 -start_number 0 " + In("cut.%04d.png")));
     fs::resize_file(in / "cut.0005.png", 60);
+    // A sequence with a gap, and one numbered past 99999.
+    ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 9 -start_number 0 " + In("gap.%04d.png")));
+    for (const char* gone : {"gap.0003.png", "gap.0004.png", "gap.0007.png"}) fs::remove(in / gone);
+    ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 3 -start_number 123456 " + In("big.%06d.png")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 2 -start_number 0 " + In("size.%04d.png")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=32x32 -frames:v 1 -start_number 2 " + In("size.%04d.png")));
   }
@@ -112,6 +116,8 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {In("missing.mkv") + " -o out.mkv", 1, "cannot open input '" + (Root() / "in/missing.mkv").string() + "'"},
       {In("audio.wav") + " -o out.mkv", 1, "audio.wav' has no video stream"},
       {In("cut.%04d.png") + " -o out.%04d.exr", 1, "corrupt frame 5 in '"},
+      {In("gap.%04d.png") + " -o out.%04d.exr", 1, "has no file for frame 3-4, 7 (its files run from 0 to 8)"},
+      {In("big.%06d.png") + " -o out.mkv", 0, "3 frames in ", 1},
       {In("size.%04d.png") + " -o out.%04d.png", 1, "frame 2 is 32x32, unlike the clip's 64x32"},
       {In("odd.%04d.png") + " -o out.mp4", 1, "H.264 needs an even width and height, not 8x5"},
       {in + "out.xyz", 1, "extension '.xyz' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)"},
