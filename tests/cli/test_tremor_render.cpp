@@ -190,6 +190,19 @@ Frames Render(const std::string& options, const std::string& input = In("in.%04d
   return files;
 }
 
+// A sequence is published whole or not at all: a folder in the way of one
+// file leaves what was there as it was and adds nothing.
+TEST_F(TremorRender, ASequenceIsPublishedWholeOrNotAtAll) {
+  const fs::path dir = OutDir("whole");
+  std::ofstream(dir / "out.0002.exr") << "old";
+  fs::create_directory(dir / "out.0004.exr");
+  const Result r = RunCli(dir, In("in.%04d.png") + " -o out.%04d.exr --quiet");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("cannot publish ./out.0004.exr: Is a directory"), std::string::npos) << r.err;
+  EXPECT_EQ(Names(dir), (std::set<std::string>{"out.0002.exr", "out.0004.exr"}));
+  EXPECT_EQ(ReadAll(dir / "out.0002.exr"), "old");
+}
+
 // A chunk equals the same frames, by name and bytes, of a whole render
 // (look-back, look-ahead and fractional offsets each need their own window),
 // and --jobs changes no byte.
