@@ -44,6 +44,7 @@ Staging::Staging(const fs::path& output, bool sequence) : output_(output), seque
     temp_ = Reserve(dir, "." + output.stem().string() + ".tmp-", output.extension().string(), false);
     target_ = temp_;
   }
+  RemoveOnSecondSignal(temp_, true);
 }
 
 void Staging::Commit(const std::vector<std::string>& files) {
@@ -89,6 +90,7 @@ void Staging::Discard() {
   if (temp_.empty()) return;
   std::error_code ec;
   fs::remove_all(temp_, ec);
+  RemoveOnSecondSignal(temp_, false);
   temp_.clear();
 }
 

@@ -2,7 +2,14 @@
 
 #include <unistd.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -23,8 +30,9 @@ namespace {
 
 constexpr char kModuleName[] = "TremorDistiller.so";
 
-volatile std::sig_atomic_t gSignal = 0;
-void OnSignal(int sig) { gSignal = sig; }
+std::atomic<int> gSignal{0};
+std::mutex gStagedMutex;
+std::vector<fs::path> gStaged;  // what a second signal removes before leaving
 
 void CheckInterrupt() {
   if (gSignal) throw Interrupted{};
@@ -205,15 +213,40 @@ std::unique_ptr<aehost::AeHost> LoadEffect() {
 }
 
 void CatchInterrupts() {
-  struct sigaction sa {};
-  sa.sa_handler = OnSignal;
-  sa.sa_flags = SA_RESETHAND | SA_RESTART;  // SA_RESETHAND: a second Ctrl-C ends the process at once
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGINT, &sa, nullptr);
-  sigaction(SIGTERM, &sa, nullptr);
+  // The signals go to one thread of ours, which may do what a handler may not:
+  // the first asks the render to stop at the next frame, a second removes what
+  // is staged and ends the process at once. Threads started later (the
+  // device's, the codecs') inherit the blocked mask.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  std::thread([set] {
+    for (;;) {
+      int sig = 0;
+      if (sigwait(&set, &sig) != 0) continue;
+      if (gSignal.exchange(sig) == 0) continue;
+      {
+        std::lock_guard<std::mutex> lock(gStagedMutex);
+        std::error_code ec;
+        for (const fs::path& p : gStaged) fs::remove_all(p, ec);
+      }
+      std::fputs("\ntremor-render: interrupted; nothing written\n", stderr);
+      std::_Exit(128 + sig);
+    }
+  }).detach();
 }
 
-int CaughtSignal() { return gSignal; }
+void RemoveOnSecondSignal(const fs::path& staged, bool add) {
+  std::lock_guard<std::mutex> lock(gStagedMutex);
+  if (add)
+    gStaged.push_back(staged);
+  else
+    gStaged.erase(std::remove(gStaged.begin(), gStaged.end(), staged), gStaged.end());
+}
+
+int CaughtSignal() { return gSignal.load(); }
 
 int Run(aehost::AeHost& host, const Options& o) {
   const media::OutputFormat& format = CheckCommand(o);

@@ -4,6 +4,7 @@
 #define TREMOR_TOOLS_RENDERJOB_H
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -45,6 +46,8 @@ std::unique_ptr<aehost::AeHost> LoadEffect();
 // one ends the process at once.
 void CatchInterrupts();
 int CaughtSignal();  // 0 while none came
+// What a second signal removes before the process ends.
+void RemoveOnSecondSignal(const std::filesystem::path& staged, bool add);
 
 // Renders `o.input` to `o.output`; 0 when done. Throws Failure, MediaError,
 // DeviceError or Interrupted, having removed what it wrote.
