@@ -1,6 +1,7 @@
 #include "OutputStaging.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,30 +19,50 @@ namespace render {
 namespace {
 
 // A name no other run has, in containers sharing the folder too (where process
-// ids repeat): made and reserved atomically from a template ending in XXXXXX.
-fs::path Reserve(const fs::path& dir, const std::string& stem, const std::string& suffix, bool folder) {
+// ids repeat): made and reserved atomically from a template ending in XXXXXX,
+// and locked for as long as `lock` stays open.
+fs::path Reserve(const fs::path& dir, const std::string& stem, const std::string& suffix, bool folder, int& lock) {
   std::string name = (dir / (stem + "XXXXXX" + suffix)).string();
-  const bool ok = folder ? ::mkdtemp(name.data()) != nullptr : [&] {
-    const int fd = ::mkstemps(name.data(), static_cast<int>(suffix.size()));
-    if (fd < 0) return false;
+  if (folder) {
+    lock = ::mkdtemp(name.data()) ? ::open(name.c_str(), O_RDONLY | O_CLOEXEC) : -1;
+  } else {
+    lock = ::mkstemps(name.data(), static_cast<int>(suffix.size()));
     // mkstemps makes the file private; the output gets the usual permissions.
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    return ::fchmod(fd, 0666 & ~mask) == 0 && ::close(fd) == 0;
-  }();
-  if (!ok) throw Failure("cannot create a temporary file in " + dir.string() + ": " + std::strerror(errno));
+    if (lock >= 0) ::fchmod(lock, 0666 & ~mask);
+  }
+  if (lock < 0 || ::flock(lock, LOCK_EX) != 0)
+    throw Failure("cannot create a temporary file in " + dir.string() + ": " + std::strerror(errno));
   return name;
+}
+
+constexpr char kFolderStem[] = ".tremor-render.tmp-";
+constexpr char kFileMark[] = ".tremor-render-";
+
+// Hidden temporaries of this tool in `dir` that no living run holds.
+void RemoveStale(const fs::path& dir) {
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(kFolderStem, 0) != 0 && (name[0] != '.' || name.find(kFileMark) == std::string::npos)) continue;
+    const int fd = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) fs::remove_all(entry.path(), ec);
+    ::close(fd);
+  }
 }
 
 }  // namespace
 
 Staging::Staging(const fs::path& output, bool sequence) : output_(output), sequence_(sequence) {
   const fs::path dir = output.parent_path().empty() ? fs::path(".") : output.parent_path();
+  RemoveStale(dir);
   if (sequence_) {
-    temp_ = Reserve(dir, ".tremor-render.tmp-", "", true);
+    temp_ = Reserve(dir, kFolderStem, "", true, lock_);
     target_ = temp_ / output.filename();
   } else {
-    temp_ = Reserve(dir, "." + output.stem().string() + ".tmp-", output.extension().string(), false);
+    temp_ = Reserve(dir, "." + output.stem().string() + kFileMark, output.extension().string(), false, lock_);
     target_ = temp_;
   }
   RemoveOnSecondSignal(temp_, true);
@@ -92,6 +113,8 @@ void Staging::Discard() {
   fs::remove_all(temp_, ec);
   RemoveOnSecondSignal(temp_, false);
   temp_.clear();
+  if (lock_ >= 0) ::close(lock_);
+  lock_ = -1;
 }
 
 }  // namespace render

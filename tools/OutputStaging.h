@@ -1,5 +1,7 @@
 // The output is staged under a hidden temporary name in its own folder, so a
-// rename publishes it whole and a failure leaves nothing behind.
+// rename publishes it whole and a failure leaves nothing behind. A run holds a
+// lock on what it stages; what a killed run left unlocked, the next run in
+// that folder removes.
 #ifndef TREMOR_TOOLS_OUTPUTSTAGING_H
 #define TREMOR_TOOLS_OUTPUTSTAGING_H
 
@@ -27,6 +29,7 @@ class Staging {
  private:
   std::filesystem::path output_, temp_, target_;
   bool sequence_;
+  int lock_ = -1;  // the staged file or folder, locked while this run lives
 };
 
 }  // namespace render

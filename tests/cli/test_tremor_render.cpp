@@ -2,7 +2,9 @@
 // ffmpeg CLI, checking exit codes, messages, files left behind and output bytes,
 // and EXR output against the frame-stack loop on the CPU reference device.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -209,6 +211,21 @@ TEST_F(TremorRender, ASequenceIsPublishedWholeOrNotAtAll) {
   EXPECT_NE(r.err.find("cannot publish ./out.0004.exr: Is a directory"), std::string::npos) << r.err;
   EXPECT_EQ(Names(dir), (std::set<std::string>{"out.0002.exr", "out.0004.exr"}));
   EXPECT_EQ(ReadAll(dir / "out.0002.exr"), "old");
+}
+
+// What a killed run left is removed by the next run in that folder; what a
+// living run holds (here, this test) stays.
+TEST_F(TremorRender, StaleTemporariesOfDeadRunsAreRemoved) {
+  const fs::path dir = OutDir("stale");
+  fs::create_directory(dir / ".tremor-render.tmp-dead01");
+  std::ofstream(dir / ".tremor-render.tmp-dead01" / "out.0001.exr") << "x";
+  std::ofstream(dir / ".out.tremor-render-dead02.mkv") << "x";
+  std::ofstream(dir / ".out.tremor-render-live03.mkv") << "x";
+  const int held = ::open((dir / ".out.tremor-render-live03.mkv").c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  EXPECT_EQ(RunCli(dir, In("in.%04d.png") + " -o out.mkv --quiet").code, 0);
+  ::close(held);
+  EXPECT_EQ(Names(dir), (std::set<std::string>{".out.tremor-render-live03.mkv", "out.mkv"}));
 }
 
 // A chunk equals the same frames, by name and bytes, of a whole render
