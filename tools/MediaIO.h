@@ -44,6 +44,7 @@ struct InputInfo {
   int64_t frameCount = -1;  // -1 when the container does not say
   bool hasAudio = false;
   bool isSequence = false;
+  int64_t firstNumber = 0;  // a sequence's first file number: frame k is file firstNumber + k
 };
 
 class Reader {

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 extern "C" {
+#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -27,7 +28,7 @@ struct Reader::Impl {
   bool flushed = false;
 
   [[noreturn]] void Corrupt() const {
-    throw MediaError("corrupt frame " + std::to_string(index) + " in '" + name + "'");
+    throw MediaError("corrupt frame " + std::to_string(info.firstNumber + index) + " in '" + name + "'");
   }
   void OpenDecoder(const std::string& input);
   void ReadInfo(bool sequence);
@@ -56,6 +57,7 @@ void Reader::Impl::ReadInfo(bool sequence) {
   info.width = st->codecpar->width;
   info.height = st->codecpar->height;
   info.isSequence = sequence;
+  if (sequence) av_opt_get_int(fmt->priv_data, "start_number", 0, &info.firstNumber);
   AVRational rate = st->avg_frame_rate;
   if (rate.num <= 0 || rate.den <= 0) rate = st->r_frame_rate;
   if (rate.num <= 0 || rate.den <= 0) rate = AVRational{25, 1};

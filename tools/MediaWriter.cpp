@@ -72,6 +72,7 @@ struct Writer::Impl {
   std::vector<std::string> files;
   bool started = false, finished = false;
   int64_t first = 0, last = -1;
+  int64_t firstNumber = 0;  // of the input sequence, which a sequence output keeps
 
   // Audio stream copy.
   InputPtr audioIn;
@@ -105,6 +106,7 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   m.output = output;
   m.format = &format;
   if (info.frameRate.num > 0 && info.frameRate.den > 0) m.rate = AVRational{info.frameRate.num, info.frameRate.den};
+  m.firstNumber = info.firstNumber;
   if (format.sequence) return;
   const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
   if (r < 0 || !m.mux) throw MediaError("cannot create output '" + output + "': " + AvError(r));
@@ -255,7 +257,7 @@ void Writer::Impl::WritePacket() {
     if (w < 0) throw MediaError("cannot write '" + output + "': " + AvError(w));
     return;
   }
-  const std::string name = FrameName(output, pkt->pts + first);
+  const std::string name = FrameName(output, pkt->pts + first + firstNumber);
   files.push_back(name);
   FILE* file = std::fopen(name.c_str(), "wb");
   const bool ok = file && std::fwrite(pkt->data, 1, pkt->size, file) == static_cast<size_t>(pkt->size);

@@ -85,8 +85,8 @@ class TremorRender : public ::testing::Test {
     ASSERT_TRUE(Ffmpeg("-f lavfi -i sine=frequency=440:duration=1 " + In("audio.wav")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=8x5 -frames:v 2 " + In("odd.%04d.png")));
     // Frame 5 cut short after its header; frame 2 of another clip a different size.
-    ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 8 -start_number 0 " + In("cut.%04d.png")));
-    fs::resize_file(in / "cut.0005.png", 60);
+    ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 8 -start_number 100 " + In("cut.%04d.png")));
+    fs::resize_file(in / "cut.0105.png", 60);
     // A sequence with a gap, and one numbered past 99999.
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 9 -start_number 0 " + In("gap.%04d.png")));
     for (const char* gone : {"gap.0003.png", "gap.0004.png", "gap.0007.png"}) fs::remove(in / gone);
@@ -109,6 +109,7 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
     int code;
     std::string message;  // a fragment; of a failure, of the line after "tremor-render: "
     size_t files = 0;
+    std::string firstFile = "";  // the first of the files left, where it matters
   } cases[] = {
       {"--version", 0, "tremor-render "},
       {"--list-devices", 0, "opencl:0.0"},                              // PoCL at least
@@ -117,9 +118,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {In("missing.%04d.png") + " -o out.%04d.exr", 1, "missing.%04d.png': No such file or directory"},
       {In("missing.mkv") + " -o out.mkv", 1, "cannot open input '" + (Root() / "in/missing.mkv").string() + "'"},
       {In("audio.wav") + " -o out.mkv", 1, "audio.wav' has no video stream"},
-      {In("cut.%04d.png") + " -o out.%04d.exr", 1, "corrupt frame 5 in '"},
+      {In("cut.%04d.png") + " -o out.%04d.exr", 1, "corrupt frame 105 in '"},  // by its file's number
       {In("gap.%04d.png") + " -o out.%04d.exr", 1, "has no file for frame 3-4, 7 (its files run from 0 to 8)"},
-      {In("big.%06d.png") + " -o out.mkv", 0, "3 frames in ", 1},
+      {In("big.%06d.png") + " -o out.%06d.png", 0, "3 frames in ", 3, "out.123456.png"},  // numbers kept
       {In("size.%04d.png") + " -o out.%04d.png", 1, "frame 2 is 32x32, unlike the clip's 64x32"},
       {In("odd.%04d.png") + " -o out.mp4", 1, "H.264 needs an even width and height, not 8x5"},
       {in + "out.xyz", 1, "extension '.xyz' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)"},
@@ -146,6 +147,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
     const Result r = RunCli(dir, c.args);
     EXPECT_EQ(r.code, c.code);
     EXPECT_EQ(Names(dir).size(), c.files);
+    if (!c.firstFile.empty()) {
+      EXPECT_EQ(*Names(dir).begin(), c.firstFile);
+    }
     EXPECT_EQ(r.err.find('\r'), std::string::npos) << "a bar, though stderr is no terminal";
     if (c.code == 0) {
       EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
