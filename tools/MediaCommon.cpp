@@ -135,6 +135,6 @@ InputPtr OpenInput(const std::string& input) {
   return ctx;
 }
 
-void QuietLibraries() { av_log_set_level(AV_LOG_ERROR); }
+void QuietLibraries() { av_log_set_level(AV_LOG_QUIET); }
 
 }  // namespace media

@@ -71,7 +71,7 @@ class Reader {
 // Compared by device and inode, so other spellings of a path and links count.
 std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output);
 
-// FFmpeg's own log down to errors only (its default also prints encoder stats).
+// FFmpeg's own log off: what went wrong reaches the user as our one line.
 void QuietLibraries();
 
 class Writer {

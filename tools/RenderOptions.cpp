@@ -1,8 +1,10 @@
 #include "RenderOptions.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <iterator>
+#include <limits>
 
 #include "OutputFormats.h"
 
@@ -100,8 +102,10 @@ void AddRunOptions(CLI::App& app, Options& o) {
   auto* run = app.add_option_group("Run");
   run->add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")->capture_default_str();
   run->add_flag("--list-devices", o.listDevices, "List devices and exit");
-  run->add_option("--start", o.start, "First output frame (0-based)")->check(CLI::NonNegativeNumber);
-  run->add_option("--end", o.end, "Last output frame, inclusive")->check(CLI::NonNegativeNumber);
+  // Frame numbers as a clip can have them; also keeps batch ends from overflowing.
+  const CLI::Range frame(int64_t{0}, int64_t{std::numeric_limits<int32_t>::max()});
+  run->add_option("--start", o.start, "First output frame (0-based)")->check(frame);
+  run->add_option("--end", o.end, "Last output frame, inclusive")->check(frame);
   run->add_option("--jobs", o.jobs, "Frames rendered at once")->check(CLI::Range(1, 64))->capture_default_str();
   run->add_flag("-q,--quiet", o.quiet, "No progress or summary");
   run->add_flag("--version", o.version, "Print the version and exit");
