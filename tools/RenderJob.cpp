@@ -22,6 +22,7 @@
 #include "OutputStaging.h"
 #include "RenderDevice.h"
 #include "RenderProgress.h"
+#include "Windows.h"  // the platform layer's temporary folder, as the module sees it
 
 namespace fs = std::filesystem;
 
@@ -201,9 +202,9 @@ std::string SetUpEffect(aehost::AeHost& host, const Options& o) {
 }  // namespace
 
 std::string LogPath() {
-  std::error_code ec;
-  const fs::path tmp = fs::temp_directory_path(ec);
-  return ((ec ? fs::path("/tmp") : tmp) / "Harbour Lantern Lab" / "com.hll.tremordistiller.log").string();
+  char tmp[4096] = {};  // the platform's temporary folder, as the module asks for it
+  if (GetTempPathA(sizeof tmp, tmp) == 0) return "(no temporary folder)";
+  return (fs::path(tmp) / "Harbour Lantern Lab" / "com.hll.tremordistiller.log").string();
 }
 
 std::unique_ptr<aehost::AeHost> LoadEffect() {

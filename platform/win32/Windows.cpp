@@ -7,7 +7,10 @@
 #include <string>
 #include <system_error>
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace {
 
@@ -20,9 +23,23 @@ void* gSinkUser = nullptr;
 DWORD GetTempPathA(DWORD nBufferLength, LPSTR lpBuffer) {
   try {
     std::error_code error;
-    const std::filesystem::path dir = std::filesystem::temp_directory_path(error);
+    std::filesystem::path dir = std::filesystem::temp_directory_path(error);
     if (error || dir.empty()) {
       return 0;
+    }
+    // Windows gives each user a temporary folder of their own. Where the
+    // system's is shared (others may write there, as in /tmp), a folder of the
+    // user's own inside it takes that place, so one user's files never stand
+    // in another's way.
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) == 0 && (st.st_mode & S_IWOTH)) {
+      dir /= "user-" + std::to_string(::getuid());
+      if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        return 0;
+      }
+      if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) {
+        return 0;  // someone else's: not a place for this user's files
+      }
     }
     std::string text = dir.string();
     if (text.back() != '/') {

@@ -159,6 +159,19 @@ TEST_F(LogTest, InitFailuresAreReturnedAndLoggedAsErrors) {
   EXPECT_EQ(cerr_.str(), "Failed to open log file.\nFailed to open log file.\n");
 }
 
+// A shared temporary folder (others may write there, as in /tmp) gives a
+// folder of the user's own, as Windows gives each user one.
+TEST_F(LogTest, SharedTemporaryFolderGivesAFolderOfTheUsersOwn) {
+  char path[kLogPathSize] = {};
+  ASSERT_GT(GetTempPathA(sizeof path, path), 0u);
+  EXPECT_EQ(std::string(path), root_.string() + "/");
+  fs::permissions(root_, fs::perms::all | fs::perms::sticky_bit);
+  ASSERT_GT(GetTempPathA(sizeof path, path), 0u);
+  const std::string own = root_.string() + "/user-" + std::to_string(::getuid()) + "/";
+  EXPECT_EQ(std::string(path), own);
+  EXPECT_EQ(fs::status(own).permissions() & fs::perms::all, fs::perms::owner_all);
+}
+
 TEST_F(LogTest, LongPathsAreCutToTheirBuffers) {
   if (root_.string().size() > 200) GTEST_SKIP() << "temporary directory path too long for this test: " << root_;
   // TMPDIR of 220 characters with its '/', so the file path is 267 long.
