@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test bench demo install clean
+.PHONY: all deps configure build test sanitize tsan bench demo install clean
 
 all: build
 
@@ -20,6 +20,28 @@ build: configure
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
+# in a build folder of its own (CUDA left out: nothing runs it here); any
+# report fails the run.
+SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
+sanitize: deps
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF \
+	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
+	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
+	cmake --build build-sanitize -j $(JOBS)
+	cd build-sanitize && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp ctest --output-on-failure -j $(JOBS)
+
+# The threaded cases under ThreadSanitizer: the host rendering several frames
+# at once on one device, and tremor-render --jobs.
+TSAN_FLAGS = -fsanitize=thread
+tsan: deps
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF \
+	  "-DCMAKE_CXX_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_C_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS)" \
+	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
+	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -R 'Threaded|Chunks'
 
 bench: build
 	$(BUILD)/bench/tremor_bench
