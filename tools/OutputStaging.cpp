@@ -107,6 +107,16 @@ void Staging::Commit(const std::vector<std::string>& files) {
   Discard();
 }
 
+std::string Staging::Public(std::string message) const {
+  if (temp_.empty()) return message;
+  const std::string hidden = temp_.string();
+  const fs::path dir = output_.parent_path().empty() ? fs::path(".") : output_.parent_path();
+  const std::string shown = sequence_ ? dir.string() : output_.string();
+  for (size_t at = message.find(hidden); at != std::string::npos; at = message.find(hidden, at + shown.size()))
+    message.replace(at, hidden.size(), shown);
+  return message;
+}
+
 void Staging::Discard() {
   if (temp_.empty()) return;
   std::error_code ec;

@@ -25,6 +25,9 @@ class Staging {
   void Commit(const std::vector<std::string>& files);
   // Removes whatever was staged.
   void Discard();
+  // A message about the staged files as the user should read it: naming the
+  // output, not the hidden temporary.
+  std::string Public(std::string message) const;
 
  private:
   std::filesystem::path output_, temp_, target_;

@@ -264,40 +264,44 @@ int Run(aehost::AeHost& host, const Options& o) {
   const Window window =
       NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)), SliderValue(host, PARAM_FRAMES_OFFSET));
   Staging staging(o.output, format.sequence);
-  auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
-                                                info.hasAudio ? o.input : std::string());
-  Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
+  try {
+    auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
+                                                  info.hasAudio ? o.input : std::string());
+    Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
 
-  Feed feed{reader};
-  feed.width = info.width;
-  feed.height = info.height;
-  int64_t next = o.start;
-  while (next <= last) {
-    const int64_t batchLast = std::min(last, next + o.jobs - 1);
-    FeedFrames(host, feed, next - window.back, batchLast + window.ahead);
-    if (feed.read <= next) break;  // the clip ended first
-    const int64_t upTo = std::min(batchLast, feed.read - 1);
-    RenderFrames(host, next, upTo, o.jobs, feed, *writer);
-    next = upTo + 1;
-    host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
-    progress.Update(next - o.start);
-    CheckInterrupt();
-  }
-  const int64_t done = next - o.start;
-  if (feed.read == 0) throw Failure(o.input + " has no frames");
-  if (done <= 0) throw Failure(PastTheEnd(o.start, feed.read - 1));
+    Feed feed{reader};
+    feed.width = info.width;
+    feed.height = info.height;
+    int64_t next = o.start;
+    while (next <= last) {
+      const int64_t batchLast = std::min(last, next + o.jobs - 1);
+      FeedFrames(host, feed, next - window.back, batchLast + window.ahead);
+      if (feed.read <= next) break;  // the clip ended first
+      const int64_t upTo = std::min(batchLast, feed.read - 1);
+      RenderFrames(host, next, upTo, o.jobs, feed, *writer);
+      next = upTo + 1;
+      host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
+      progress.Update(next - o.start);
+      CheckInterrupt();
+    }
+    const int64_t done = next - o.start;
+    if (feed.read == 0) throw Failure(o.input + " has no frames");
+    if (done <= 0) throw Failure(PastTheEnd(o.start, feed.read - 1));
 
-  writer->Finish();
-  const std::vector<std::string> files = writer->Files();
-  writer.reset();
-  staging.Commit(files);
-  progress.Finish();
-  if (!o.quiet) {
-    const double s = progress.Seconds();
-    std::fprintf(stderr, "tremor-render: %lld frames in %.1f s (%.1f fps) on %s\n", static_cast<long long>(done), s,
-                 s > 0 ? done / s : 0.0, deviceName.c_str());
+    writer->Finish();
+    const std::vector<std::string> files = writer->Files();
+    writer.reset();
+    staging.Commit(files);
+    progress.Finish();
+    if (!o.quiet) {
+      const double s = progress.Seconds();
+      std::fprintf(stderr, "tremor-render: %lld frames in %.1f s (%.1f fps) on %s\n", static_cast<long long>(done), s,
+                   s > 0 ? done / s : 0.0, deviceName.c_str());
+    }
+    return 0;
+  } catch (const media::MediaError& e) {
+    throw media::MediaError(staging.Public(e.what()));  // the user's output, not the hidden temporary
   }
-  return 0;
 }
 
 }  // namespace render
