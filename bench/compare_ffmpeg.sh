@@ -30,11 +30,12 @@ median() {  # median seconds of `repeat` runs
   printf '%s\n' "${runs[@]}" | sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-# Each decodes the same clip; tremor-render also encodes (FFV1), the filters
-# write nowhere.
-t_render=$(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mkv" --quiet --device "$device")
-t_tmix=$(median ffmpeg -nostdin -v error -i "$work/clip.mp4" -vf tmix=frames=10 -f null -)
-t_tblend=$(median ffmpeg -nostdin -v error -i "$work/clip.mp4" -vf tblend=all_mode=difference -f null -)
+# Like with like: each decodes the same clip and writes H.264 mp4 (libx264 at
+# its defaults for the filters, tremor-render's own mp4 settings).
+t_render=$(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mp4" --quiet --device "$device")
+t_tmix=$(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tmix=frames=10 -c:v libx264 "$work/tmix.mp4")
+t_tblend=$(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tblend=all_mode=difference -c:v libx264 \
+  "$work/tblend.mp4")
 device_name=$("$build/tremor-render" "$work/clip.mp4" -o "$work/one.mkv" --end 0 --device "$device" 2>&1 |
   sed -n 's/.* on \(.*\)$/\1/p' | tail -1)
 
