@@ -4,7 +4,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
-#include <vector>
+#include <utility>
 
 #include "LogsController.h"
 #include "TremorDistiller_KernelText.h"
@@ -82,11 +82,17 @@ struct OpenCLPass {
 };
 
 // Sets the arguments in order, then enqueues; the first failure skips the rest.
-int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel,
-                      const std::vector<std::pair<size_t, const void*>>& args) {
+// A kernel's arguments in order; no allocation on the per-pass path.
+struct KernelArgs {
+  std::pair<size_t, const void*> at[13];
+  cl_uint count = 0;
+  void Add(size_t size, const void* value) { at[count++] = {size, value}; }
+};
+
+int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel, const KernelArgs& args) {
   cl_int err = CL_SUCCESS;
-  for (cl_uint i = 0; i < args.size() && err == CL_SUCCESS; ++i)
-    err = pass.cl.setKernelArg(kernel, i, args[i].first, args[i].second);
+  for (cl_uint i = 0; i < args.count && err == CL_SUCCESS; ++i)
+    err = pass.cl.setKernelArg(kernel, i, args.at[i].first, args.at[i].second);
   if (err == CL_SUCCESS)
     err = pass.cl.enqueueNDRangeKernel(pass.queue, kernel, 2, nullptr, pass.global, pass.local, 0, nullptr, nullptr);
   if (err == CL_SUCCESS) return 0;
@@ -97,9 +103,11 @@ int32_t EnqueueOpenCL(const OpenCLPass& pass, cl_kernel kernel,
 int32_t OpenCLResize(void* form, void* src, void* dst, const ResizeKernelArgs& a) {
   const OpenCLPass& pass = *static_cast<const OpenCLPass*>(form);
   const cl_mem srcMem = static_cast<cl_mem>(src), dstMem = static_cast<cl_mem>(dst);
-  std::vector<std::pair<size_t, const void*>> args{{sizeof(cl_mem), &srcMem}, {sizeof(cl_mem), &dstMem}};
+  KernelArgs args;
+  args.Add(sizeof(cl_mem), &srcMem);
+  args.Add(sizeof(cl_mem), &dstMem);
   const int32_t* ints = &a.inSrcPitch;  // nine int32 in argument order
-  for (int i = 0; i < 9; ++i) args.emplace_back(sizeof(int32_t), ints + i);
+  for (int i = 0; i < 9; ++i) args.Add(sizeof(int32_t), ints + i);
   return EnqueueOpenCL(pass, pass.resizeKernel, args);
 }
 
@@ -107,13 +115,13 @@ int32_t OpenCLMain(void* form, const MainKernelBuffers& b, const MainKernelArgs&
   const OpenCLPass& pass = *static_cast<const OpenCLPass*>(form);
   const cl_mem mems[5] = {static_cast<cl_mem>(b.inPre), static_cast<cl_mem>(b.inCur), static_cast<cl_mem>(b.outIm),
                           static_cast<cl_mem>(b.outDst), static_cast<cl_mem>(b.inIm)};
-  std::vector<std::pair<size_t, const void*>> args;
-  for (int i = 0; i < 4; ++i) args.emplace_back(sizeof(cl_mem), &mems[i]);
-  args.emplace_back(sizeof(cl_mem), &pass.params);
+  KernelArgs args;
+  for (int i = 0; i < 4; ++i) args.Add(sizeof(cl_mem), &mems[i]);
+  args.Add(sizeof(cl_mem), &pass.params);
   const int32_t* ints = &m.inPrePitch;  // six int32 in argument order
-  for (int i = 0; i < 6; ++i) args.emplace_back(sizeof(int32_t), ints + i);
-  args.emplace_back(sizeof(cl_mem), &mems[4]);
-  args.emplace_back(sizeof(float), &pass.weight);
+  for (int i = 0; i < 6; ++i) args.Add(sizeof(int32_t), ints + i);
+  args.Add(sizeof(cl_mem), &mems[4]);
+  args.Add(sizeof(float), &pass.weight);
   return EnqueueOpenCL(pass, pass.mainKernel, args);
 }
 
