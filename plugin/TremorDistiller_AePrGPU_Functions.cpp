@@ -67,6 +67,24 @@ int32_t RenderPassCUDA(const PassBuffers& buffers, const KernelData& kernelData,
   return status;
 }
 
+int32_t RenderStackCUDA(const StackBuffers& buffers, const KernelData& kernelData, const MainKernelArgs& m,
+                        const StackChunk& chunk, unsigned int blockSize, int32_t failureCode) {
+  const CudaCalls& cuda = GetCudaCalls();
+  if (!cuda.launchStack) {
+    LOG_ERROR_IN("GPURender", "CUDA Assert: this module was built without CUDA");
+    return failureCode;
+  }
+  CudaPass pass{cuda, nullptr, 0.0f, blockSize, failureCode};
+  cuda.malloc(&pass.params, sizeof(KernelData));
+  cuda.memcpyHostToDevice(pass.params, &kernelData, sizeof(KernelData));
+  cuda.launchStack(buffers.frames, buffers.outIm, buffers.outDst, pass.params, m.inDstPitch, m.in16f,
+                   static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight), buffers.inIm, chunk,
+                   blockSize);
+  const int32_t status = CheckCudaLaunch(pass);
+  cuda.free(pass.params);
+  return status;
+}
+
 // ---- OpenCL form of the pass ----
 
 struct OpenCLPass {
@@ -84,7 +102,7 @@ struct OpenCLPass {
 // Sets the arguments in order, then enqueues; the first failure skips the rest.
 // A kernel's arguments in order; no allocation on the per-pass path.
 struct KernelArgs {
-  std::pair<size_t, const void*> at[13];
+  std::pair<size_t, const void*> at[25];
   cl_uint count = 0;
   void Add(size_t size, const void* value) { at[count++] = {size, value}; }
 };
@@ -125,20 +143,38 @@ int32_t OpenCLMain(void* form, const MainKernelBuffers& b, const MainKernelArgs&
   return EnqueueOpenCL(pass, pass.mainKernel, args);
 }
 
+// The record's copy for one launch, taken now, so changing the record for the
+// next launch cannot disturb one still queued. Null after a logged failure.
+cl_mem CopyParamsOpenCL(const OpenCLCalls& cl, cl_context context, const KernelData& kernelData) {
+  cl_int err = CL_SUCCESS;
+  cl_mem params = cl.createBuffer(context, CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, sizeof(KernelData),
+                                  const_cast<KernelData*>(&kernelData), &err);
+  if (err == CL_SUCCESS && params) return params;
+  LOG_ERROR_IN("GPURender", "OpenCL Assert: ", OpenCLErrorText(err != CL_SUCCESS ? err : CL_INVALID_MEM_OBJECT));
+  return nullptr;
+}
+
+OpenCLPass PassOpenCL(const OpenCLCalls& cl, cl_command_queue queue, const KernelList& kernels, cl_mem params,
+                      const MainKernelArgs& m, unsigned int blockSize, int32_t failureCode) {
+  auto roundUp = [blockSize](int32_t n) { return (static_cast<size_t>(n) + blockSize - 1) / blockSize * blockSize; };
+  return OpenCLPass{cl,
+                    queue,
+                    static_cast<cl_kernel>(kernels.entries[0].kernel),
+                    static_cast<cl_kernel>(kernels.entries[1].kernel),
+                    params,
+                    0.0f,
+                    {roundUp(m.inWidth), roundUp(m.inHeight)},
+                    {blockSize, blockSize},
+                    failureCode};
+}
+
 int32_t RenderPassOpenCL(const KernelList& kernels, cl_context context, cl_command_queue queue,
                          const PassBuffers& buffers, const KernelData& kernelData, const MainKernelArgs& mainArgs,
                          const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
                          int32_t failureCode) {
   const OpenCLCalls& cl = GetOpenCLCalls();
-  // The copy is taken now, so changing the record for the next pass cannot
-  // disturb a pass still queued.
-  cl_int err = CL_SUCCESS;
-  cl_mem params = cl.createBuffer(context, CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, sizeof(KernelData),
-                                  const_cast<KernelData*>(&kernelData), &err);
-  if (err != CL_SUCCESS || !params) {  // no launch without its parameters
-    LOG_ERROR_IN("GPURender", "OpenCL Assert: ", OpenCLErrorText(err != CL_SUCCESS ? err : CL_INVALID_MEM_OBJECT));
-    return failureCode;
-  }
+  cl_mem params = CopyParamsOpenCL(cl, context, kernelData);
+  if (!params) return failureCode;  // no launch without its parameters
   const KernelEntry& mainEntry = kernels.entries[0];
   const KernelEntry& resizeEntry = kernels.entries[1];
   int32_t status = 0;
@@ -149,19 +185,44 @@ int32_t RenderPassOpenCL(const KernelList& kernels, cl_context context, cl_comma
     LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function", resizeEntry.name);
     status = failureCode;
   }
-  auto roundUp = [blockSize](int32_t n) { return (static_cast<size_t>(n) + blockSize - 1) / blockSize * blockSize; };
-  OpenCLPass pass{cl,
-                  queue,
-                  static_cast<cl_kernel>(mainEntry.kernel),
-                  static_cast<cl_kernel>(resizeEntry.kernel),
-                  params,
-                  EasedWeight(kernelData),
-                  {roundUp(mainArgs.inWidth), roundUp(mainArgs.inHeight)},
-                  {blockSize, blockSize},
-                  failureCode};
+  OpenCLPass pass = PassOpenCL(cl, queue, kernels, params, mainArgs, blockSize, failureCode);
+  pass.weight = EasedWeight(kernelData);
   if (status == 0) {
     std::lock_guard<std::mutex> lock(KernelListLaunchLock(&kernels));
     status = RunPassLaunches({&pass, OpenCLResize, OpenCLMain}, buffers, mainArgs, preArgs, curArgs);
+  }
+  cl.releaseMemObject(params);
+  return status;
+}
+
+int32_t RenderStackOpenCL(const KernelList& kernels, cl_context context, cl_command_queue queue,
+                          const StackBuffers& buffers, const KernelData& kernelData, const MainKernelArgs& m,
+                          const StackChunk& chunk, unsigned int blockSize, int32_t failureCode) {
+  const KernelEntry& stackEntry = kernels.entries[2];
+  if (!stackEntry.kernel) {
+    LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function: ", stackEntry.name);
+    return failureCode;
+  }
+  const OpenCLCalls& cl = GetOpenCLCalls();
+  cl_mem params = CopyParamsOpenCL(cl, context, kernelData);
+  if (!params) return failureCode;
+  const OpenCLPass pass = PassOpenCL(cl, queue, kernels, params, m, blockSize, failureCode);
+  cl_mem mems[STACK_CHUNK_FRAMES + 3];
+  for (int j = 0; j < STACK_CHUNK_FRAMES; ++j) mems[j] = static_cast<cl_mem>(buffers.frames[j]);
+  mems[STACK_CHUNK_FRAMES] = static_cast<cl_mem>(buffers.outIm);
+  mems[STACK_CHUNK_FRAMES + 1] = static_cast<cl_mem>(buffers.outDst);
+  mems[STACK_CHUNK_FRAMES + 2] = static_cast<cl_mem>(buffers.inIm);
+  KernelArgs args;
+  for (int j = 0; j < STACK_CHUNK_FRAMES + 2; ++j) args.Add(sizeof(cl_mem), &mems[j]);
+  args.Add(sizeof(cl_mem), &params);
+  const int32_t ints[4] = {m.inDstPitch, m.in16f, m.inWidth, m.inHeight};
+  for (const int32_t& v : ints) args.Add(sizeof(int32_t), &v);
+  args.Add(sizeof(cl_mem), &mems[STACK_CHUNK_FRAMES + 2]);
+  args.Add(sizeof(StackChunk), &chunk);
+  int32_t status = 0;
+  {
+    std::lock_guard<std::mutex> lock(KernelListLaunchLock(&kernels));
+    status = EnqueueOpenCL(pass, static_cast<cl_kernel>(stackEntry.kernel), args);
   }
   cl.releaseMemObject(params);
   return status;
@@ -201,7 +262,7 @@ int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context conte
     }
   }
 
-  for (int slot = 0; slot < 2 && result == 0; ++slot) {
+  for (int slot = 0; slot < 3 && result == 0; ++slot) {
     KernelEntry& entry = list->entries[slot];
     std::strncpy(entry.name, kKernelNames[slot], sizeof entry.name - 1);
     entry.name[sizeof entry.name - 1] = '\0';
@@ -282,6 +343,24 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
   if (framework == OpenCL)
     return RenderPassOpenCL(*kernels, static_cast<cl_context>(context), static_cast<cl_command_queue>(queue), buffers,
                             kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
+  if (framework == Metal) return 0;
+  LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
+  return failureCode;
+}
+
+int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,
+                       const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
+                       const StackChunk& chunk, unsigned int blockSize, int32_t failureCode) {
+  SetPassMotionValues(kernelData);
+  RestoreDeviceIdentity();
+  if (framework == CUDA) return RenderStackCUDA(buffers, kernelData, mainArgs, chunk, blockSize, failureCode);
+  if (!kernels) {
+    LOG_ERROR("KernelList pointer is null");
+    return failureCode;
+  }
+  if (framework == OpenCL)
+    return RenderStackOpenCL(*kernels, static_cast<cl_context>(context), static_cast<cl_command_queue>(queue), buffers,
+                             kernelData, mainArgs, chunk, blockSize, failureCode);
   if (framework == Metal) return 0;
   LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
   return failureCode;

@@ -13,7 +13,7 @@
 inline constexpr int32_t kAeGPUFailureCode = 512;
 inline constexpr int32_t kPrGPUFailureCode = static_cast<int32_t>(0x80000000u);
 
-// Builds the kernel text for `device` and fills the list's two slots.
+// Builds the kernel text for `device` and fills the list's slots.
 int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context context, int32_t failureCode);
 
 // A device the host offers: the effect's kernels on it, and the status record's
@@ -30,5 +30,11 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
                   const PassBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
                   const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
                   int32_t failureCode);
+
+// A chunk of the stack in one StackKernel launch, where StackRunsFused allows
+// it; otherwise as GPURender.
+int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,
+                       const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
+                       const StackChunk& chunk, unsigned int blockSize, int32_t failureCode);
 
 #endif

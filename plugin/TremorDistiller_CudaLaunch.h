@@ -4,6 +4,8 @@
 #ifndef TREMORDISTILLER_CUDALAUNCH_H
 #define TREMORDISTILLER_CUDALAUNCH_H
 
+#include "Kernel_Data.h"
+
 void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* outDst, const void* params,
                       int inPrePitch, int inCurPitch, int inDstPitch, int in16f, unsigned int inWidth,
                       unsigned int inHeight, const void* inIm, float weight, unsigned int blockSize);
@@ -11,5 +13,10 @@ void LaunchMainKernel(const void* inPre, const void* inCur, void* outIm, void* o
 void LaunchResizeKernel(const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch, int in16f,
                         unsigned int inWidth, unsigned int inHeight, unsigned int outWidth, unsigned int outHeight,
                         int inOffsetX, int inOffsetY, unsigned int blockSize);
+
+// `frames` holds STACK_CHUNK_FRAMES device pointers, newest first.
+void LaunchStackKernel(const void* const* frames, void* outIm, void* outDst, const void* params, int inDstPitch,
+                       int in16f, unsigned int inWidth, unsigned int inHeight, const void* inIm,
+                       const StackChunk& chunk, unsigned int blockSize);
 
 #endif

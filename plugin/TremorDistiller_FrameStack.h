@@ -1,7 +1,8 @@
 // The frame-stack loop: turns a stack of frames into one output frame by
-// walking it pair by pair from the oldest, one GPU pass per pair. Written once
-// over a few host operations, so the After Effects render, the Premiere render
-// and the CPU reference device all run the same steps.
+// walking it pair by pair from the oldest, one GPU pass per pair, or, where no
+// pass displaces its read, a chunk of pairs per StackKernel launch. Written
+// once over a few host operations, so the After Effects render, the Premiere
+// render and the CPU reference device all run the same steps.
 #ifndef TREMORDISTILLER_FRAMESTACK_H
 #define TREMORDISTILLER_FRAMESTACK_H
 
@@ -57,6 +58,15 @@ struct PassBuffers {
   void* outDst;
 };
 
+// Device buffers of one StackKernel launch. frames[j] is frame j of the
+// launch, newest first; slots past the launch's frames stay null.
+struct StackBuffers {
+  void* frames[STACK_CHUNK_FRAMES];
+  void* inIm;
+  void* outIm;
+  void* outDst;
+};
+
 // What the loop asks of the layer above it. Every operation returns a host
 // status; a non-zero one stops the render and is what the render returns.
 struct FrameStackHost {
@@ -71,6 +81,11 @@ struct FrameStackHost {
   std::function<int32_t(const PassBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
                         const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs)>
       runPass;
+  // A chunk of the stack in one StackKernel launch (GPURenderStack or its CPU
+  // counterpart). Left empty, every stack runs pass by pass.
+  std::function<int32_t(const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
+                        const StackChunk& chunk)>
+      runStack;
   // Returned for a buffer that comes back empty or a stack that is too short.
   int32_t failureCode;
 };
@@ -105,6 +120,10 @@ struct PassLaunches {
 // canvases where they need one, then MainKernel. Stops at the first failure.
 int32_t RunPassLaunches(const PassLaunches& launches, const PassBuffers& buffers, const MainKernelArgs& mainArgs,
                         const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs);
+
+// Whether StackKernel launches give this stack's result: no pass displaces
+// its read of the accumulation.
+inline bool StackRunsFused(const KernelData& kd) { return !kd.motion_amp && !kd.chromatic; }
 
 // Values that "Motion Amplification" switches, set at the start of each pass.
 void SetPassMotionValues(KernelData& kernelData);

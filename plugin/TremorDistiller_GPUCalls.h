@@ -37,6 +37,7 @@ struct CudaCalls {
   const char* (*getErrorString)(int error);
   decltype(&LaunchMainKernel) launchMain;
   decltype(&LaunchResizeKernel) launchResize;
+  decltype(&LaunchStackKernel) launchStack;
 };
 
 OpenCLCalls& GetOpenCLCalls();

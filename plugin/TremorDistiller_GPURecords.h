@@ -30,9 +30,9 @@ struct KernelEntry {
   void* kernel;    // cl_kernel; null when there is none
 };
 
-// Slot 0 MainKernel, slot 1 ResizeKernel, by position.
+// Slot 0 MainKernel, slot 1 ResizeKernel, slot 2 StackKernel, by position.
 struct KernelList {
-  KernelEntry entries[2];
+  KernelEntry entries[3];
 };
 
 struct GPUStatusText {

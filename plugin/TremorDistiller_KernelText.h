@@ -15,6 +15,6 @@ static_assert(kOpenCLSourcePrefixLength == 33, "prefix length is part of the pro
 inline constexpr char kOpenCLBuildOptions[] = "-cl-single-precision-constant -cl-fast-relaxed-math";
 
 // In the order of the kernel list's slots.
-inline constexpr const char* kKernelNames[2] = {"MainKernel", "ResizeKernel"};
+inline constexpr const char* kKernelNames[3] = {"MainKernel", "ResizeKernel", "StackKernel"};
 
 #endif

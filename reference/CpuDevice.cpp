@@ -51,6 +51,18 @@ void CpuMainKernel(const CpuLaunchConfig& config, const void* inPre, const void*
   });
 }
 
+void CpuStackKernel(const CpuLaunchConfig& config, const void* const* frames, void* outIm, void* outDst,
+                    const KernelData* params, int inDstPitch, int in16f, unsigned int inWidth, unsigned int inHeight,
+                    const void* inIm, const StackChunk& chunk) {
+  using gfcpu::float4;
+  const float4* const* f = reinterpret_cast<const float4* const*>(frames);
+  Launch2D(config, inWidth, inHeight, [&] {
+    gfcpu::StackKernel(f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10], f[11], f[12], f[13], f[14],
+                       f[15], static_cast<float4*>(outIm), static_cast<float4*>(outDst), params, inDstPitch, in16f,
+                       inWidth, inHeight, static_cast<const float4*>(inIm), chunk);
+  });
+}
+
 void CpuResizeKernel(const CpuLaunchConfig& config, const void* inSrc, void* outDst, int inSrcPitch, int inDstPitch,
                      int in16f, unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,
                      unsigned int outHeight, int inOffsetX, int inOffsetY) {

@@ -28,4 +28,8 @@ void CpuResizeKernel(const CpuLaunchConfig& config, const void* inSrc, void* out
                      int in16f, unsigned int inWidth, unsigned int inHeight, unsigned int outWidth,
                      unsigned int outHeight, int inOffsetX, int inOffsetY);
 
+void CpuStackKernel(const CpuLaunchConfig& config, const void* const* frames, void* outIm, void* outDst,
+                    const KernelData* params, int inDstPitch, int in16f, unsigned int inWidth, unsigned int inHeight,
+                    const void* inIm, const StackChunk& chunk);
+
 #endif

@@ -38,6 +38,15 @@ int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& b, Kerne
   return RunPassLaunches({&pass, CpuResize, CpuMain}, b, m, pre, cur);
 }
 
+int32_t CpuRenderStack(const CpuLaunchConfig& config, const StackBuffers& b, KernelData& kd, const MainKernelArgs& m,
+                       const StackChunk& chunk) {
+  SetPassMotionValues(kd);
+  const KernelData params = kd;
+  CpuStackKernel(config, b.frames, b.outIm, b.outDst, &params, m.inDstPitch, m.in16f,
+                 static_cast<unsigned int>(m.inWidth), static_cast<unsigned int>(m.inHeight), b.inIm, chunk);
+  return 0;
+}
+
 FrameStackHost MakeCpuFrameStackHost(const CpuLaunchConfig& config, const FrameStackJob& job) {
   // Scratch memory lives as long as any copy of the returned operations.
   auto scratch = std::make_shared<std::map<void*, std::vector<float>>>();
@@ -62,6 +71,9 @@ FrameStackHost MakeCpuFrameStackHost(const CpuLaunchConfig& config, const FrameS
   };
   host.runPass = [config](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m, const ResizeKernelArgs& pre,
                           const ResizeKernelArgs& cur) { return CpuRenderPass(config, b, kd, m, pre, cur); };
+  host.runStack = [config](const StackBuffers& b, KernelData& kd, const MainKernelArgs& m, const StackChunk& chunk) {
+    return CpuRenderStack(config, b, kd, m, chunk);
+  };
   return host;
 }
 

@@ -12,6 +12,10 @@
 int32_t CpuRenderPass(const CpuLaunchConfig& config, const PassBuffers& buffers, KernelData& kernelData,
                       const MainKernelArgs& mainArgs, const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs);
 
+// A chunk of the stack in one StackKernel launch.
+int32_t CpuRenderStack(const CpuLaunchConfig& config, const StackBuffers& buffers, KernelData& kernelData,
+                       const MainKernelArgs& mainArgs, const StackChunk& chunk);
+
 // Host operations over host memory for a job: a frame's handle is its pixel
 // pointer, and scratch buffers get the output's pitch.
 FrameStackHost MakeCpuFrameStackHost(const CpuLaunchConfig& config, const FrameStackJob& job);

@@ -45,6 +45,31 @@ typedef struct KernelData {
   gf_bool motion_amp;
 } KernelData;
 
+/* A launch of StackKernel covers at most this many frames, so at most one
+ * pass fewer; a longer stack runs in chunks that hand the accumulation on. */
+#define STACK_CHUNK_FRAMES 16
+
+/* Where a frame of a StackKernel launch lies: used in place (canvas 0, then
+ * pitch is the output's), or placed on the output's canvas at its offset. */
+typedef struct StackFrameGeometry {
+  int pitch;
+  int width;
+  int height;
+  int offsetX;
+  int offsetY;
+  int canvas;
+} StackFrameGeometry;
+
+/* What a StackKernel launch needs beyond KernelData, passed by value: its
+ * passes' positions in the stack and eased weights, newest pass first, and
+ * its frames, newest first (pass k compares frame k + 1 with frame k). */
+typedef struct StackChunk {
+  int passes;
+  float percent[STACK_CHUNK_FRAMES - 1];
+  float weight[STACK_CHUNK_FRAMES - 1];
+  StackFrameGeometry frame[STACK_CHUNK_FRAMES];
+} StackChunk;
+
 #if defined(__cplusplus) && !defined(GF_DEVICE_TARGET_OPENCL)
 #include <cstddef>
 static_assert(sizeof(int) == 4 && sizeof(float) == 4 && sizeof(bool) == 1,
@@ -64,6 +89,7 @@ static_assert(offsetof(KernelData, output) == 436, "KernelData layout");
 static_assert(offsetof(KernelData, normalize) == 440, "KernelData layout");
 static_assert(offsetof(KernelData, motion_amp) == 441, "KernelData layout");
 static_assert(sizeof(KernelData) == 444, "KernelData layout");
+static_assert(sizeof(StackChunk) == 4 + 8 * (STACK_CHUNK_FRAMES - 1) + 24 * STACK_CHUNK_FRAMES, "StackChunk layout");
 #endif
 
 #endif

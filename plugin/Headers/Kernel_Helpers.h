@@ -93,6 +93,14 @@ GF_DEVICE_FUNCTION void writePixel(float4 v, GF_PTR(float4) p, int index, int is
 
 GF_DEVICE_FUNCTION float4 bgra(float4 v) { return make_float4(v.z, v.y, v.x, v.w); }
 
+/* A pixel as writePixel and a later readPixel hand it on. */
+GF_DEVICE_FUNCTION float4 storedPixel(float4 v, int is16Bit) {
+  GF_IF_OPENCL_16F
+  if (is16Bit) return half4ToFloat4(gfRound16x4(float4ToHalf4(v, is16Bit)), is16Bit);
+  GF_ENDIF_OPENCL_16F
+  return v;
+}
+
 /* Nearest-pixel sampling at a normalised position. Outside the frame both
  * components are clamped, so edges repeat. No half-texel term: a pixel's own
  * uv can land one column left after the single-precision round trip. */
@@ -110,6 +118,14 @@ GF_DEVICE_FUNCTION float4 getTexture(GF_CONST_PTR(float4) frame, float2 uv, unsi
   column = column < inWidth ? column : inWidth - 1u;
   row = row < inHeight ? row : inHeight - 1u;
   return bgra(readPixel(frame, (int)(row * (unsigned int)inPitch + column), is16Bit));
+}
+
+/* The column (or row) that getTexture reads at the own uv of pixel x: x, or
+ * x - 1 where the round trip falls short. */
+GF_DEVICE_FUNCTION unsigned int ownCell(unsigned int x, unsigned int size) {
+  float u = (float)x / (float)size;
+  unsigned int cell = (unsigned int)(u * (float)size);
+  return cell < size ? cell : size - 1u;
 }
 
 #endif

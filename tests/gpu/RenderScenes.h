@@ -102,7 +102,8 @@ inline std::vector<float> AsFloats(const Scene& s, const std::vector<unsigned ch
   return out;
 }
 
-inline std::vector<unsigned char> RenderReference(const Scene& s, KernelData kd) {
+// fused false runs every stack pass by pass, as displaced modes always do.
+inline std::vector<unsigned char> RenderReference(const Scene& s, KernelData kd, bool fused = true) {
   FrameStackJob job;
   for (int i = 0; i < s.numFrames; ++i)
     job.frames.push_back({const_cast<void*>(s.Frame(i)), s.w, s.h, static_cast<int32_t>(s.pitch * s.PixelBytes()),
@@ -114,7 +115,9 @@ inline std::vector<unsigned char> RenderReference(const Scene& s, KernelData kd)
   CpuLaunchConfig config;
   config.halfForm = s.form;
   config.threads = 2;
-  EXPECT_EQ(CpuRenderFrameStack(config, job), 0);
+  FrameStackHost host = MakeCpuFrameStackHost(config, job);
+  if (!fused) host.runStack = nullptr;
+  EXPECT_EQ(RenderFrameStack(job, host), 0);
   return out;
 }
 

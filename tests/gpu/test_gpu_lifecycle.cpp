@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "GpuTestSupport.h"
+#include "TremorDistiller_KernelText.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ namespace {
 struct FakeCL {
   static inline cl_int createProgramResult, buildResult, releaseKernelResult, setArgResult;
   static inline int failSetArgAt, setArgCount;
-  static inline cl_int createKernelResult[2];
+  static inline cl_int createKernelResult[3];
   static inline std::string buildLog;
   static inline std::vector<std::string> calls;
   static inline std::vector<cl_uint> argIndices;
@@ -26,7 +27,7 @@ struct FakeCL {
     createProgramResult = buildResult = releaseKernelResult = setArgResult = CL_SUCCESS;
     failSetArgAt = -1;
     setArgCount = 0;
-    createKernelResult[0] = createKernelResult[1] = CL_SUCCESS;
+    for (cl_int& r : createKernelResult) r = CL_SUCCESS;
     buildLog.clear();
     calls.clear();
     argIndices.clear();
@@ -68,7 +69,8 @@ struct FakeCL {
     cl.releaseProgram = [](cl_program) -> cl_int { return CL_SUCCESS; };
     cl.createKernel = [](cl_program, const char* name, cl_int* err) -> cl_kernel {
       calls.push_back(std::string("createKernel ") + name);
-      const int slot = std::strcmp(name, "MainKernel") == 0 ? 0 : 1;
+      int slot = 0;
+      while (slot < 2 && std::strcmp(name, kKernelNames[slot]) != 0) ++slot;
       *err = createKernelResult[slot];
       if (*err != CL_SUCCESS) return nullptr;
       ++kernelObjects;
@@ -144,12 +146,12 @@ TEST_F(GpuLifecycle, ProgramBuildFailureRows) {
   EXPECT_EQ(log_.Count("Code: 0xFFFFFFF5 (Build program failure)"), 1u);
   EXPECT_NE(log_.All().find("] :: error: one\nerror: two"), std::string::npos);
 
-  // A good build with warnings logs them and still makes both kernels.
+  // A good build with warnings logs them and still makes every kernel.
   SetUp();
   FakeCL::buildLog = "w";  // two bytes with its NUL
   EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), 0);
   EXPECT_EQ(log_.Count("] :: w\n"), 1u);
-  EXPECT_EQ(FakeCL::kernelObjects, 2);
+  EXPECT_EQ(FakeCL::kernelObjects, 3);
 
   // Slot 1 fails: slot 0 stays live, slot 1 keeps its name, the code is OpenCL's.
   SetUp();
@@ -281,6 +283,10 @@ TEST_F(GpuLifecycle, PassFailureRows) {
   list_.entries[0].kernel = nullptr;
   EXPECT_EQ(p.Run(OpenCL, &list_), 512);
   EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: MainKernel"), 1u);
+  list_.entries[2].kernel = nullptr;
+  const StackBuffers stack{{p.buffers.inPreFrame, p.buffers.inCurFrame}, nullptr, nullptr, p.buffers.outDst};
+  EXPECT_EQ(GPURenderStack(OpenCL, &list_, nullptr, nullptr, stack, p.kd, p.main, StackChunk{1}, 16, 512), 512);
+  EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: StackKernel"), 1u);
   EXPECT_EQ(FakeCL::buffersLive, 0);
 
   // The failure code is the caller's: Premiere's general failure on that side.

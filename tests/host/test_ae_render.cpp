@@ -380,17 +380,23 @@ TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
 
 // Whichever host operation fails mid-render, the render stops there, checks
 // every frame in and gives the scratch worlds made so far back; the host gets
-// the code, and for a missing suite a text to show.
+// the code, and for a missing suite a text to show. Motion amplification runs
+// pass by pass with four scratch worlds; a plain stack of 20 frames runs in
+// two launches that hand on through two.
 TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
   SetUpGpu();
   AeHost& host = *host_;
   const struct {
     const char* op;
     int nth;
-  } failures[] = {{"CreateGPUWorld", 1},  {"CreateGPUWorld", 2},        {"CreateGPUWorld", 3},
-                  {"GetGPUWorldData", 3}, {"checkout_layer_pixels", 4}, {"checkout_output", 1}};
+    bool fused = false;
+  } failures[] = {{"CreateGPUWorld", 1},       {"CreateGPUWorld", 2},        {"CreateGPUWorld", 3},
+                  {"GetGPUWorldData", 3},      {"checkout_layer_pixels", 4}, {"checkout_output", 1},
+                  {"CreateGPUWorld", 2, true}, {"GetGPUWorldData", 5, true}};
   for (const auto& f : failures) {
-    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth);
+    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth << (f.fused ? " fused" : ""));
+    Set(22, f.fused ? 0 : 1);
+    Set(5, f.fused ? 20 : 10);
     host.ClearInjections();
     host.ClearCallLog();
     host.FailOperation(f.op, PF_Err_OUT_OF_MEMORY, f.nth);
@@ -404,7 +410,7 @@ TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
     // Counted from when it was set, it does not fire again.
     EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_NONE);
   }
-  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 6u) << Log();
+  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 8u) << Log();
   host.ClearInjections();
   host.RemoveSuite("PF World Suite");
   const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);

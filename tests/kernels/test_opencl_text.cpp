@@ -24,8 +24,8 @@ TEST(OpenCLText, IsSelfContainedWithTheHalfSwitchLeftOpen) {
   const std::string text = kTremorDistillerKernelText;
   EXPECT_EQ(Count(text, "#include"), 0u);
   EXPECT_EQ(Count(text, "GF_KERNEL"), 0u) << "vocabulary macros must be expanded";
-  // The six pixel access functions each test the switch once.
-  EXPECT_EQ(Count(text, "\n#if GF_OPENCL_SUPPORTS_16F\n"), 6u);
+  // The six pixel access functions and the store-and-load each test the switch once.
+  EXPECT_EQ(Count(text, "\n#if GF_OPENCL_SUPPORTS_16F\n"), 7u);
   EXPECT_EQ(Count(text, "#define GF_OPENCL_SUPPORTS_16F"), 0u);
   EXPECT_GT(Count(text, "#line "), 0u);
   EXPECT_EQ(Count(text, "#line 0 "), 0u);
@@ -36,7 +36,7 @@ TEST(OpenCLText, IsSelfContainedWithTheHalfSwitchLeftOpen) {
 
 // Built as the module builds it, with the prefix that switches the 16-bit
 // branches on, and without it (32-bit access only).
-TEST(PoclProgram, BuildsCleanlyWithBothKernelsWithAndWithoutTheHalfPrefix) {
+TEST(PoclProgram, BuildsCleanlyWithEveryKernelWithAndWithoutTheHalfPrefix) {
   setenv("POCL_CACHE_DIR", TD_POCL_CACHE_DIR, 0);
   cl_uint n = 0;
   if (clGetPlatformIDs(0, nullptr, &n) != CL_SUCCESS || n == 0) GTEST_SKIP() << "no OpenCL platform";
@@ -62,8 +62,10 @@ TEST(PoclProgram, BuildsCleanlyWithBothKernelsWithAndWithoutTheHalfPrefix) {
     clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, size, log.data(), nullptr);
     EXPECT_EQ(err, CL_SUCCESS) << log;
     EXPECT_LE(size, 1u) << "any log of two bytes or more becomes an error line at every device set-up: " << log;
-    // MainKernel: eleven arguments plus the read-only accumulation and the pass's weight.
-    const std::pair<const char*, cl_uint> kernels[] = {{kKernelNames[0], 13u}, {kKernelNames[1], 11u}};
+    // MainKernel: eleven arguments plus the read-only accumulation and the pass's weight;
+    // StackKernel: sixteen frames, eight more and the chunk's record.
+    const std::pair<const char*, cl_uint> kernels[] = {
+        {kKernelNames[0], 13u}, {kKernelNames[1], 11u}, {kKernelNames[2], 25u}};
     for (const auto& [name, expectedArgs] : kernels) {
       cl_uint args = 0;
       if (cl_kernel k = clCreateKernel(program, name, &err)) {

@@ -20,6 +20,7 @@
  *                                power curve rather than stored as halves
  *   gfLoad16x{1,2,4}, gfStore16x{1,2,4}
  *                                16-bit storage primitives of the target
+ *   gfRound16x4                  a 16-bit store and load in one, in registers
  *
  * Kernel code never redefines or wraps standard math names: float overloads of
  * pow, sqrt, fabs, fmin, fmax, cos and sin exist on all three targets, and

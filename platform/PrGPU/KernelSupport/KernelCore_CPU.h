@@ -137,6 +137,12 @@ inline float2 gfLoad16x2(const void* p, int i) { return {Load16(p, 2 * i), Load1
 inline float4 gfLoad16x4(const void* p, int i) {
   return {Load16(p, 4 * i), Load16(p, 4 * i + 1), Load16(p, 4 * i + 2), Load16(p, 4 * i + 3)};
 }
+// What a 16-bit store and the load after it give back.
+inline float Round16(float v) {
+  return tWorkItem.halfPowerCurve ? PatternValue(PatternFromValue(v)) : HalfToFloat(FloatToHalfRtz(v));
+}
+inline float4 gfRound16x4(float4 v) { return {Round16(v.x), Round16(v.y), Round16(v.z), Round16(v.w)}; }
+
 inline void gfStore16x1(float v, int i, void* p) { Store16(v, i, p); }
 inline void gfStore16x2(float2 v, int i, void* p) {
   Store16(v.x, 2 * i, p);

@@ -49,6 +49,10 @@ __device__ inline float4 gfLoad16x4(const void* p, int i) {
   ushort4 u = ((const ushort4*)p)[i];
   return make_float4(gfPatternValue(u.x), gfPatternValue(u.y), gfPatternValue(u.z), gfPatternValue(u.w));
 }
+__device__ inline float gfRound16(float v) { return gfPatternValue(gfPatternFromValue(v)); }
+__device__ inline float4 gfRound16x4(float4 v) {
+  return make_float4(gfRound16(v.x), gfRound16(v.y), gfRound16(v.z), gfRound16(v.w));
+}
 __device__ inline void gfStore16x1(float v, int i, void* p) { ((unsigned short*)p)[i] = gfPatternFromValue(v); }
 __device__ inline void gfStore16x2(float2 v, int i, void* p) {
   ((ushort2*)p)[i] = make_ushort2(gfPatternFromValue(v.x), gfPatternFromValue(v.y));

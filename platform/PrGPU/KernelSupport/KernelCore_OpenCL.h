@@ -1,5 +1,5 @@
-/* OpenCL C form of the kernel vocabulary. Only macros: this file is expanded
- * at build time and nothing of it is included at run time. */
+/* OpenCL C form of the kernel vocabulary: macros and one function. This file
+ * is expanded at build time and nothing of it is included at run time. */
 #ifndef GF_KERNEL_CORE_OPENCL_H
 #define GF_KERNEL_CORE_OPENCL_H
 
@@ -30,5 +30,13 @@ typedef unsigned char gf_bool;
 #define gfStore16x1(v, i, p) vstore_half_rtz((v), (i), (__global half*)(p))
 #define gfStore16x2(v, i, p) vstore_half2_rtz((v), (i), (__global half*)(p))
 #define gfStore16x4(v, i, p) vstore_half4_rtz((v), (i), (__global half*)(p))
+
+/* What a 16-bit store and the load after it give back, through a private
+ * word; the only function here, expanded into the program text with the rest. */
+float4 gfRound16x4(float4 v) {
+  ushort4 bits;
+  vstore_half4_rtz(v, 0, (__private half*)&bits);
+  return vload_half4(0, (__private const half*)&bits);
+}
 
 #endif
