@@ -1,7 +1,8 @@
-// Throughput of the GPU pass and of a 10-frame stack on OpenCL (PoCL unless a
-// GPU platform is found) and on CUDA where a device exists, 32-bit frames.
-// Bytes are those a pass must move: two frames and the previous accumulation
-// read, the new accumulation written (plus the output in the last pass).
+// A stack of 2 or 10 frames at 1080p and 2160p on each device kind of the
+// build (OpenCL: PoCL unless a GPU platform is found; CUDA where a device
+// exists), 32-bit frames, by each path of the frame-stack loop, set against the
+// copy bandwidth measured in the same run: a host memcpy for a CPU device, a
+// device-to-device copy for a GPU.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -10,12 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "BenchCopy.h"
 #include "DeviceFrameStack.h"
 #include "LogsController.h"
 
 namespace {
-
-constexpr int64_t kPixelBytes = 16;
 
 std::vector<float> NoiseFrame(int w, int h, uint32_t seed) {
   std::vector<float> f(static_cast<size_t>(w) * h * 4);
@@ -42,6 +42,8 @@ struct BenchDevice {
   Device device;
   std::unique_ptr<DeviceKernels> kernels;
   std::string error;
+  bool onGpu = false;
+  double copyBytesPerSecond = 0.0;
   explicit BenchDevice(const DeviceKind& k) : kind(&k) {
     if (!std::getenv("POCL_CACHE_DIR")) setenv("POCL_CACHE_DIR", TD_BENCH_POCL_CACHE_DIR, 0);
     // The effect's log, as after a host's global set-up, under the build tree.
@@ -50,6 +52,7 @@ struct BenchDevice {
     LoggerInit(kLogFileStem, kLogFolderName);
     try {
       device = OpenDevice(k.name);
+      onGpu = ResolveDeviceText(k.name).isGpu;
       kernels = std::make_unique<DeviceKernels>(device);
       if (kernels->status != 0) error = "the kernels did not build";
     } catch (const std::exception& e) {
@@ -57,6 +60,17 @@ struct BenchDevice {
     }
   }
 };
+
+// The device's own copy, 256 MiB buffer to buffer.
+double DeviceCopyBytesPerSecond(const Device& device) {
+  const size_t bytes = size_t{256} << 20;
+  DeviceBuffer a = AllocateDeviceBuffer(device, bytes), b = AllocateDeviceBuffer(device, bytes);
+  device.kind->fill(device, a.get(), 1, bytes);
+  return MedianCopyRate([&] {
+    device.kind->copy(device, b.get(), a.get(), bytes);
+    device.kind->finish(device);
+  });
+}
 
 void RunStack(benchmark::State& state, const DeviceKind* kind) {
   static std::vector<std::unique_ptr<BenchDevice>> opened;
@@ -71,6 +85,7 @@ void RunStack(benchmark::State& state, const DeviceKind* kind) {
   const Device& device = bench->device;
   const int w = static_cast<int>(state.range(0)), h = static_cast<int>(state.range(1));
   const int numFrames = static_cast<int>(state.range(2));
+  const StackPath path = static_cast<StackPath>(state.range(3));
   const size_t bytes = static_cast<size_t>(w) * h * kPixelBytes;
   std::vector<DeviceBuffer> frames;
   FrameStackJob job;
@@ -84,30 +99,29 @@ void RunStack(benchmark::State& state, const DeviceKind* kind) {
   job.output = {out.get(), w, h, w * 16, 0, 0};
   job.is16f = false;
   KernelData kd = BenchKernelData(numFrames);
+  kd.motion_amp = path == StackPath::Amplified;
   job.kernelData = &kd;
-  const FrameStackHost host = MakeDeviceFrameStackHost(device, &bench->kernels->list, job);
+  FrameStackHost host = MakeDeviceFrameStackHost(device, &bench->kernels->list, job);
+  if (path != StackPath::Fused) host.runStack = nullptr;
 
+  if (bench->copyBytesPerSecond == 0.0) {
+    bench->copyBytesPerSecond = bench->onGpu ? DeviceCopyBytesPerSecond(device) : HostCopyBytesPerSecond();
+  }
   if (RenderFrameStack(job, host) != 0) state.SkipWithError("render failed");  // warm-up: first-launch compiles
   device.kind->finish(device);
   for (auto _ : state) {
     RenderFrameStack(job, host);
     device.kind->finish(device);
   }
-  const int64_t passes = numFrames - 1;
-  state.SetBytesProcessed(state.iterations() * (passes * 4 + 1) * static_cast<int64_t>(w) * h * kPixelBytes);
-  state.counters["passes"] = static_cast<double>(passes);
-  state.counters["MB_per_pass"] = 4.0 * w * h * kPixelBytes / 1e6;
+  SetStackCounters(state, w, h, numFrames, path, bench->copyBytesPerSecond);
 }
 
 // BM_OpenCLStack, BM_CUDAStack, ...: one per device kind of this build.
 const bool kRegistered = [] {
   for (const DeviceKind* kind : DeviceKinds())
     benchmark::RegisterBenchmark((std::string("BM_") + kind->label + "Stack").c_str(), RunStack, kind)
-        ->ArgNames({"w", "h", "frames"})
-        ->Args({1920, 1080, 2})
-        ->Args({1920, 1080, 10})
-        ->Args({3840, 2160, 2})
-        ->Args({3840, 2160, 10})
+        ->ArgNames({"w", "h", "frames", "path"})
+        ->Apply(StackArgs)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
   return true;

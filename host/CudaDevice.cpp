@@ -83,9 +83,13 @@ void Fill(const Device&, void* buffer, uint8_t byte, size_t bytes) {
   Check(cudaMemset(buffer, byte, bytes), "cudaMemset");
 }
 
+void Copy(const Device&, void* dst, const void* src, size_t bytes) {
+  Check(cudaMemcpy(dst, src, bytes, cudaMemcpyDeviceToDevice), "cudaMemcpy");
+}
+
 void Finish(const Device&) { cudaDeviceSynchronize(); }
 
 }  // namespace
 
-extern const DeviceKind kCudaDeviceKind = {"cuda",   "CUDA",  "N",    0,        List, AddressValid, Open,  Close,
-                                           Allocate, Release, Upload, Download, Fill, BindThread,   Finish};
+extern const DeviceKind kCudaDeviceKind = {"cuda",   "CUDA",  "N",    0,        List, AddressValid, Open,       Close,
+                                           Allocate, Release, Upload, Download, Fill, Copy,         BindThread, Finish};

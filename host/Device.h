@@ -58,6 +58,7 @@ struct DeviceKind {
   void (*upload)(const Device& device, void* buffer, const void* data, size_t bytes);
   void (*download)(const Device& device, void* buffer, void* data, size_t bytes);  // waits
   void (*fill)(const Device& device, void* buffer, uint8_t byte, size_t bytes);
+  void (*copy)(const Device& device, void* dst, const void* src, size_t bytes);  // on the device
   // Makes the device current on the calling thread where the kind keeps one per thread.
   void (*bindThread)(const Device& device);
   void (*finish)(const Device& device);  // waits for queued work

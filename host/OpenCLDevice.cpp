@@ -132,12 +132,18 @@ void Fill(const Device& device, void* buffer, uint8_t byte, size_t bytes) {
         "clEnqueueFillBuffer");
 }
 
+void Copy(const Device& device, void* dst, const void* src, size_t bytes) {
+  Check(clEnqueueCopyBuffer(Queue(device), static_cast<cl_mem>(const_cast<void*>(src)), static_cast<cl_mem>(dst), 0, 0,
+                            bytes, 0, nullptr, nullptr),
+        "clEnqueueCopyBuffer");
+}
+
 void BindThread(const Device&) {}  // OpenCL has no current device
 
 void Finish(const Device& device) { clFinish(Queue(device)); }
 
 }  // namespace
 
-extern const DeviceKind kOpenCLDeviceKind = {
-    "opencl", "OpenCL", "PLATFORM.DEVICE", 1,    List,       AddressValid, Open, Close, Allocate,
-    Release,  Upload,   Download,          Fill, BindThread, Finish};
+extern const DeviceKind kOpenCLDeviceKind = {"opencl", "OpenCL", "PLATFORM.DEVICE", 1,       List,   AddressValid,
+                                             Open,     Close,    Allocate,          Release, Upload, Download,
+                                             Fill,     Copy,     BindThread,        Finish};

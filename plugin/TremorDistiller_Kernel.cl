@@ -102,15 +102,52 @@ GF_DEVICE_FUNCTION float4 readStackFrame(GF_CONST_PTR(float4) frame, StackFrameG
   return bgra(storedPixel(v, in16f));
 }
 
-/* Up to STACK_CHUNK_FRAMES - 1 passes in one launch, for stacks in which no
- * pass displaces its read of the accumulation. Each work item follows its
- * pixel through the passes, oldest first, with the accumulation in registers
- * and every frame read once, and gives what MainKernel launched pass by pass
- * gives: the accumulation still goes through a store and a load between
- * passes, and a pass reads it where getTexture at the pixel's own uv lands,
- * which can be a column or row before the pixel, so each pass works at the
- * position its successor reads. The oldest pass reads the accumulation handed
- * on in inIm; a launch that does not end the stack leaves its own in outIm. */
+/* How many passes back a pixel's position keeps moving as each pass reads
+ * where getTexture at its own uv lands: ownCell moves a position by at most
+ * one, and a position it keeps stays for good. */
+GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, unsigned int passes) {
+  unsigned int drift = 0u;
+  while (drift < passes && ownCell(x - drift, size) != x - drift) ++drift;
+  return drift;
+}
+
+/* Pass K of a StackKernel launch, comparing frame K + 1 (FO) with frame K (FN)
+ * at the position the pass after it reads. The older frame is the newer one
+ * of the pass before, read again only where that pass worked elsewhere. */
+#define STACK_PASS(K, FN, FO)                                                                          \
+  if (K < passes) {                                                                                    \
+    unsigned int cx = x - (K < driftX ? K : driftX);                                                   \
+    unsigned int cy = y - (K < driftY ? K : driftY);                                                   \
+    if (K == passes - 1 || K < drift) prev = readStackFrame(FO, chunk.frame[K + 1], cx, cy, in16f);    \
+    current = readStackFrame(FN, chunk.frame[K], cx, cy, in16f);                                       \
+    float4 fragColor = pairDifference(prev, current, params->diffMode);                                \
+    if (chunk.percent[K] != 0.0f) {                                                                    \
+      float4 intermediate;                                                                             \
+      if (K == passes - 1) {                                                                           \
+        int at = (int)(ownCell(cy, inHeight) * (unsigned int)inDstPitch + ownCell(cx, inWidth));       \
+        intermediate = bgra(readPixel(inIm, at, in16f));                                               \
+      } else {                                                                                         \
+        intermediate = storedPixel(acc, in16f);                                                        \
+      }                                                                                                \
+      fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[K], params->blendMode);          \
+    }                                                                                                  \
+    acc = fragColor;                                                                                   \
+    prev = current;                                                                                    \
+  }
+
+#if STACK_CHUNK_FRAMES != 16
+#error "StackKernel takes sixteen frames"
+#endif
+
+/* Up to fifteen passes in one launch, for stacks in which no pass displaces
+ * its read of the accumulation. Each work item follows its pixel through the
+ * passes, oldest first, with the accumulation in registers and every frame
+ * read once, and gives what MainKernel launched pass by pass gives: the
+ * accumulation still goes through a store and a load between passes, and each
+ * pass works where its successor reads (getTexture at a pixel's own uv can
+ * land a column or row before it). The oldest pass reads the accumulation
+ * handed on in inIm; a launch that does not end the stack leaves its own in
+ * outIm. The passes are written out, so that nothing is indexed at run time. */
 GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST_PTR(float4) f2,
                       GF_CONST_PTR(float4) f3, GF_CONST_PTR(float4) f4, GF_CONST_PTR(float4) f5,
                       GF_CONST_PTR(float4) f6, GF_CONST_PTR(float4) f7, GF_CONST_PTR(float4) f8,
@@ -123,45 +160,28 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
   unsigned int y = GF_GLOBAL_ID_Y;
   if (x >= inWidth || y >= inHeight) return;
 
-  GF_CONST_PTR(float4) frames[STACK_CHUNK_FRAMES] = {f0, f1, f2,  f3,  f4,  f5,  f6,  f7,
-                                                    f8, f9, f10, f11, f12, f13, f14, f15};
-  /* Pass k of the launch works at (column[k], row[k]). */
-  unsigned int column[STACK_CHUNK_FRAMES];
-  unsigned int row[STACK_CHUNK_FRAMES];
-  int passes = chunk.passes;
-  column[0] = x;
-  row[0] = y;
-  for (int k = 1; k < passes; ++k) {
-    column[k] = ownCell(column[k - 1], inWidth);
-    row[k] = ownCell(row[k - 1], inHeight);
-  }
-
+  unsigned int passes = (unsigned int)chunk.passes;
+  unsigned int driftX = cellDrift(x, inWidth, passes);
+  unsigned int driftY = cellDrift(y, inHeight, passes);
+  unsigned int drift = driftX > driftY ? driftX : driftY;
   float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
-  float4 prev = readStackFrame(frames[passes], chunk.frame[passes], column[passes - 1], row[passes - 1], in16f);
-  float4 current = prev;
-  for (int k = passes - 1; k >= 0; --k) {
-    unsigned int cx = column[k];
-    unsigned int cy = row[k];
-    /* The older frame is the newer one of the pass before, read again only
-     * where that pass worked elsewhere. */
-    if (k < passes - 1 && (cx != column[k + 1] || cy != row[k + 1]))
-      prev = readStackFrame(frames[k + 1], chunk.frame[k + 1], cx, cy, in16f);
-    current = readStackFrame(frames[k], chunk.frame[k], cx, cy, in16f);
-    float4 fragColor = pairDifference(prev, current, params->diffMode);
-    if (chunk.percent[k] != 0.0f) {
-      float4 intermediate;
-      if (k == passes - 1) {
-        /* getTexture at the own uv of (cx, cy), which never needs its clamp. */
-        int at = (int)(ownCell(cy, inHeight) * (unsigned int)inDstPitch + ownCell(cx, inWidth));
-        intermediate = bgra(readPixel(inIm, at, in16f));
-      } else {
-        intermediate = storedPixel(acc, in16f);
-      }
-      fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[k], params->blendMode);
-    }
-    acc = fragColor;
-    prev = current;
-  }
+  float4 prev = acc;
+  float4 current = acc;
+  STACK_PASS(14u, f14, f15)
+  STACK_PASS(13u, f13, f14)
+  STACK_PASS(12u, f12, f13)
+  STACK_PASS(11u, f11, f12)
+  STACK_PASS(10u, f10, f11)
+  STACK_PASS(9u, f9, f10)
+  STACK_PASS(8u, f8, f9)
+  STACK_PASS(7u, f7, f8)
+  STACK_PASS(6u, f6, f7)
+  STACK_PASS(5u, f5, f6)
+  STACK_PASS(4u, f4, f5)
+  STACK_PASS(3u, f3, f4)
+  STACK_PASS(2u, f2, f3)
+  STACK_PASS(1u, f1, f2)
+  STACK_PASS(0u, f0, f1)
 
   int dstIndex = (int)(y * (unsigned int)inDstPitch + x);
   if (chunk.percent[0] < 1.0f) {
@@ -170,3 +190,5 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
   }
   writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, in16f);
 }
+
+#undef STACK_PASS
