@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test sanitize tsan bench demo install clean
+.PHONY: all deps configure build test sanitize tsan fuzz bench demo install clean
 
 all: build
 
@@ -42,6 +42,23 @@ tsan: deps
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
 	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -R 'Threaded|Chunks'
+
+# Each libFuzzer target for FUZZ_SECONDS under ASan and UBSan, clang-built in
+# a folder of its own, from its seed inputs; a crash fails the run and leaves
+# the input that caused it in build-fuzz/.
+FUZZ_SECONDS ?= 30
+FUZZ_TARGETS = fuzz_frame_stack
+FUZZ_FLAGS = -fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer -fno-sanitize-recover=all
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF \
+	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON \
+	  "-DCMAKE_CXX_FLAGS=$(FUZZ_FLAGS)" "-DCMAKE_C_FLAGS=$(FUZZ_FLAGS)" \
+	  "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined"
+	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
+	cd build-fuzz && for t in $(FUZZ_TARGETS); do \
+	  mkdir -p corpus/$$t && \
+	  ASAN_OPTIONS=detect_leaks=1 tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=$$t- \
+	    corpus/$$t $(CURDIR)/tests/fuzz/seeds/$$t || exit 1; done
 
 bench: build
 	$(BUILD)/bench/tremor_bench
