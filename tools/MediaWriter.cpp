@@ -152,6 +152,9 @@ void Writer::Impl::OpenEncoder(int w, int h) {
     enc->color_range = AVCOL_RANGE_MPEG;
   }
   if (mux && (mux->oformat->flags & AVFMT_GLOBALHEADER)) enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  // One thread per core, slices or whole frames as the encoder can: these
+  // encoders' bytes do not depend on it. x264's do, so its row fixes a count.
+  enc->thread_count = 0;
   AVDictionary* opts = nullptr;
   av_dict_parse_string(&opts, f.codecOptions, "=", ":", 0);
   const int r = avcodec_open2(enc.get(), codec, &opts);
