@@ -77,9 +77,6 @@ class Reader {
   // end); a frame no one will look at need not be converted. Both throw as Next.
   bool Decode(DecodedFrame& frame);
   void Convert(const DecodedFrame& frame, Picture& picture);
-  // Decode alone: for frames no one will look at, which must still be
-  // decoded to reach later ones.
-  bool Skip();
 
  private:
   struct Impl;

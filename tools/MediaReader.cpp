@@ -155,11 +155,6 @@ bool Reader::Next(Picture& picture) {
   return true;
 }
 
-bool Reader::Skip() {
-  DecodedFrame frame;
-  return Decode(frame);
-}
-
 bool Reader::Decode(DecodedFrame& frame) {
   frame.impl_->index = impl_->index;
   return impl_->Decode(*frame.impl_->frame);
