@@ -10,6 +10,7 @@
 
 extern "C" {
 #include <libavutil/dict.h>
+#include <libavutil/opt.h>
 }
 
 #include "MediaIO.h"
@@ -107,6 +108,20 @@ FramePtr NewFrame(AVPixelFormat fmt, int w, int h) {
   f->height = h;
   if (av_frame_get_buffer(f.get(), 0) < 0) throw MediaError("out of memory for a frame");
   return f;
+}
+
+SwsPtr NewScaler(int w, int h, AVPixelFormat src, AVPixelFormat dst, int flags) {
+  SwsPtr s(sws_alloc_context());
+  if (!s) return s;
+  // Each slice is worked out from the whole source as one pass would, so the
+  // thread count (one per core) changes no value.
+  const std::pair<const char*, int64_t> options[] = {{"srcw", w},          {"srch", h},   {"src_format", src},
+                                                     {"dstw", w},          {"dsth", h},   {"dst_format", dst},
+                                                     {"sws_flags", flags}, {"threads", 0}};
+  for (const auto& [key, value] : options)
+    if (av_opt_set_int(s.get(), key, value, 0) < 0) return nullptr;
+  if (sws_init_context(s.get(), nullptr, nullptr) < 0) return nullptr;
+  return s;
 }
 
 // For a pattern the first existing number becomes start_number, since the

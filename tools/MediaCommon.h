@@ -44,6 +44,10 @@ std::string FrameName(const std::string& pattern, int64_t number);
 
 FramePtr NewFrame(AVPixelFormat fmt, int w, int h);
 
+// A same-size conversion that sws_scale_frame runs in slices on threads of
+// its own; null when swscale cannot convert between the two.
+SwsPtr NewScaler(int w, int h, AVPixelFormat src, AVPixelFormat dst, int flags);
+
 // Opens a path or a pattern with its stream information read.
 InputPtr OpenInput(const std::string& input);
 

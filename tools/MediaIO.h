@@ -47,6 +47,21 @@ struct InputInfo {
   int64_t firstNumber = 0;  // a sequence's first file number: frame k is file firstNumber + k
 };
 
+// A frame as the decoder gave it, not yet converted: Reader::Decode fills it
+// on one thread, Reader::Convert may turn it into a picture on another.
+class DecodedFrame {
+ public:
+  DecodedFrame();
+  ~DecodedFrame();
+  DecodedFrame(DecodedFrame&&) noexcept;
+  DecodedFrame& operator=(DecodedFrame&&) noexcept;
+
+ private:
+  friend class Reader;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
 class Reader {
  public:
   // A path to a video, or a printf pattern such as "shots/a.%04d.png".
@@ -57,9 +72,11 @@ class Reader {
   // The next frame in presentation order; false at the end. Throws MediaError
   // naming the frame number (0-based) for a corrupt frame.
   bool Next(Picture& picture);
-  // The same, decoding the frame without converting it: for frames no one
-  // will look at, which must still be decoded to reach later ones.
-  bool Skip();
+  // Next in two halves, so that decoding and conversion can run on two
+  // threads at once (one each): Decode gives the next frame (false at the
+  // end); a frame no one will look at need not be converted. Both throw as Next.
+  bool Decode(DecodedFrame& frame);
+  void Convert(const DecodedFrame& frame, Picture& picture);
 
  private:
   struct Impl;

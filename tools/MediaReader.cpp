@@ -12,29 +12,40 @@ extern "C" {
 
 namespace media {
 
+struct DecodedFrame::Impl {
+  FramePtr frame{av_frame_alloc()};
+  int64_t index = 0;  // 0-based, in the input
+};
+
+DecodedFrame::DecodedFrame() : impl_(new Impl) {}
+DecodedFrame::~DecodedFrame() = default;
+DecodedFrame::DecodedFrame(DecodedFrame&&) noexcept = default;
+DecodedFrame& DecodedFrame::operator=(DecodedFrame&&) noexcept = default;
+
 struct Reader::Impl {
   std::string name;
+  InputInfo info;
+  // Decoding; Decode's thread only.
   InputPtr fmt;
   CodecPtr dec;
   int stream = -1;
   PacketPtr pkt{av_packet_alloc()};
-  FramePtr frame{av_frame_alloc()};
+  int64_t index = 0;
+  bool flushed = false;
+  // Conversion; Convert's thread only.
   SwsPtr sws;
   AVPixelFormat swsSrc = AV_PIX_FMT_NONE, swsDst = AV_PIX_FMT_NONE;
   int swsW = 0, swsH = 0, swsSpace = -1, swsRange = -1;
   FramePtr staging;
-  InputInfo info;
-  int64_t index = 0;
-  bool flushed = false;
 
-  [[noreturn]] void Corrupt() const {
-    throw MediaError("corrupt frame " + std::to_string(info.firstNumber + index) + " in '" + name + "'");
+  [[noreturn]] void Corrupt(int64_t frame) const {
+    throw MediaError("corrupt frame " + std::to_string(info.firstNumber + frame) + " in '" + name + "'");
   }
   void OpenDecoder(const std::string& input);
   void ReadInfo(bool sequence);
-  const AVFrame& Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr);
-  void Convert(const AVFrame& f, Picture& p);
-  bool Decode(Picture* picture);  // nullptr: decode only
+  const AVFrame& Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr, int64_t frame);
+  void Convert(const AVFrame& f, Picture& p, int64_t frame);
+  bool Decode(AVFrame& out);
 };
 
 void Reader::Impl::OpenDecoder(const std::string& input) {
@@ -83,7 +94,7 @@ Reader::~Reader() = default;
 const InputInfo& Reader::Info() const { return impl_->info; }
 
 // `f` through swscale into `dst`; the context is kept while the frames agree.
-const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr) {
+const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr, int64_t frame) {
   const auto src = static_cast<AVPixelFormat>(f.format);
   const int w = f.width, h = f.height;
   int range = f.color_range == AVCOL_RANGE_JPEG ? 1 : 0;
@@ -92,8 +103,7 @@ const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCb
     range = 1;
   if (!sws || swsSrc != src || swsDst != dst || swsW != w || swsH != h || swsSpace != f.colorspace ||
       swsRange != range) {
-    sws.reset(sws_getContext(w, h, src, w, h, dst, SWS_BILINEAR | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_BITEXACT,
-                             nullptr, nullptr, nullptr));
+    sws = NewScaler(w, h, src, dst, SWS_BILINEAR | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_BITEXACT);
     if (!sws)
       throw MediaError("cannot convert pixel format " + std::string(av_get_pix_fmt_name(src)) + " in '" + name + "'");
     if (yCbCr) {
@@ -108,11 +118,11 @@ const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCb
     swsRange = range;
     staging = NewFrame(dst, w, h);
   }
-  sws_scale(sws.get(), f.data, f.linesize, 0, h, staging->data, staging->linesize);
+  if (sws_scale_frame(sws.get(), staging.get(), &f) < 0) Corrupt(frame);
   return *staging;
 }
 
-void Reader::Impl::Convert(const AVFrame& f, Picture& p) {
+void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
   p.width = f.width;
   p.height = f.height;
   p.rgba.assign(static_cast<size_t>(f.width) * f.height * 4, 1.0f);
@@ -124,35 +134,46 @@ void Reader::Impl::Convert(const AVFrame& f, Picture& p) {
     return;
   }
   const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(fmt);
-  if (!desc) Corrupt();
+  if (!desc) Corrupt(frame);
   int depth = 0;
   for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
   // 8-bit R'G'B' or grey stays 8-bit so that v/255 comes out exactly; Y'CbCr
   // goes to 16 bits to keep the matrix's precision.
   const bool rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
   if (desc->flags & AV_PIX_FMT_FLAG_FLOAT) {
-    FloatPlanesToPicture(Scale(f, AV_PIX_FMT_GBRAPF32, !rgbLike), false, true, p);
+    FloatPlanesToPicture(Scale(f, AV_PIX_FMT_GBRAPF32, !rgbLike, frame), false, true, p);
   } else {
     const bool eight = depth <= 8 && rgbLike;
-    PackedToPicture(Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, !rgbLike), !eight, p);
+    PackedToPicture(Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, !rgbLike, frame), !eight, p);
   }
 }
 
-bool Reader::Next(Picture& picture) { return impl_->Decode(&picture); }
+bool Reader::Next(Picture& picture) {
+  DecodedFrame frame;
+  if (!Decode(frame)) return false;
+  Convert(frame, picture);
+  return true;
+}
 
-bool Reader::Skip() { return impl_->Decode(nullptr); }
+bool Reader::Decode(DecodedFrame& frame) {
+  frame.impl_->index = impl_->index;
+  return impl_->Decode(*frame.impl_->frame);
+}
 
-bool Reader::Impl::Decode(Picture* picture) {
+void Reader::Convert(const DecodedFrame& frame, Picture& picture) {
+  impl_->Convert(*frame.impl_->frame, picture, frame.impl_->index);
+}
+
+bool Reader::Impl::Decode(AVFrame& out) {
+  av_frame_unref(&out);
   for (;;) {
-    int r = avcodec_receive_frame(dec.get(), frame.get());
+    int r = avcodec_receive_frame(dec.get(), &out);
     if (r == 0) {
-      if (picture) Convert(*frame, *picture);
-      av_frame_unref(frame.get());
       ++index;
       return true;
     }
     if (r == AVERROR_EOF) return false;
-    if (r != AVERROR(EAGAIN)) Corrupt();
+    if (r != AVERROR(EAGAIN)) Corrupt(index);
     if (flushed) return false;
     r = av_read_frame(fmt.get(), pkt.get());
     if (r == AVERROR_EOF) {
@@ -160,14 +181,14 @@ bool Reader::Impl::Decode(Picture* picture) {
       flushed = true;
       continue;
     }
-    if (r < 0) Corrupt();
+    if (r < 0) Corrupt(index);
     if (pkt->stream_index != stream) {
       av_packet_unref(pkt.get());
       continue;
     }
     r = avcodec_send_packet(dec.get(), pkt.get());
     av_packet_unref(pkt.get());
-    if (r < 0 && r != AVERROR(EAGAIN)) Corrupt();
+    if (r < 0 && r != AVERROR(EAGAIN)) Corrupt(index);
   }
 }
 

@@ -152,6 +152,9 @@ void Writer::Impl::OpenEncoder(int w, int h) {
     enc->color_range = AVCOL_RANGE_MPEG;
   }
   if (mux && (mux->oformat->flags & AVFMT_GLOBALHEADER)) enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  // One thread per core, slices or whole frames as the encoder can: these
+  // encoders' bytes do not depend on it. x264's do, so its row fixes a count.
+  enc->thread_count = 0;
   AVDictionary* opts = nullptr;
   av_dict_parse_string(&opts, f.codecOptions, "=", ":", 0);
   const int r = avcodec_open2(enc.get(), codec, &opts);
@@ -172,9 +175,8 @@ void Writer::Impl::OpenEncoder(int w, int h) {
 // 16-bit full-range R'G'B' to the encoder's BT.709 limited-range Y'CbCr.
 void Writer::Impl::OpenColourConversion(int w, int h) {
   rgba64 = NewFrame(AV_PIX_FMT_RGBA64, w, h);
-  sws.reset(sws_getContext(w, h, AV_PIX_FMT_RGBA64, w, h, enc->pix_fmt,
-                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT, nullptr, nullptr,
-                           nullptr));
+  sws = NewScaler(w, h, AV_PIX_FMT_RGBA64, enc->pix_fmt,
+                  SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
   const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
   sws_setColorspaceDetails(sws.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
@@ -205,7 +207,8 @@ void Writer::Impl::OpenFile() {
 void Writer::Impl::Fill(const Picture& p) {
   if (av_frame_make_writable(frame.get()) < 0) throw MediaError("out of memory for a frame");
   PictureToFrame(p, format->layout, sws ? *rgba64 : *frame);
-  if (sws) sws_scale(sws.get(), rgba64->data, rgba64->linesize, 0, p.height, frame->data, frame->linesize);
+  if (sws && sws_scale_frame(sws.get(), frame.get(), rgba64.get()) < 0)
+    throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
 }
 
 // Copies the source's audio packets that start before `untilIn` (its time base).

@@ -24,11 +24,13 @@ struct OutputFormat {
   const char* codec;        // FFmpeg's encoder
   const char* pixelFormat;  // the encoder's input, as FFmpeg names it
   PixelLayout layout;
-  const char* codecOptions;  // FFmpeg dictionary text, "key=value:key=value"
+  // FFmpeg dictionary text, "key=value:key=value". An encoder whose bytes
+  // depend on its thread count gets a fixed one here, not one per core.
+  const char* codecOptions;
 };
 
 inline constexpr OutputFormat kOutputFormats[] = {
-    {".mp4", "H.264", false, "mp4", "libx264", "yuv420p", PixelLayout::YCbCr709, "crf=18"},
+    {".mp4", "H.264", false, "mp4", "libx264", "yuv420p", PixelLayout::YCbCr709, "crf=18:threads=4"},
     {".mov", "ProRes 4444", false, "mov", "prores_ks", "yuva444p10le", PixelLayout::YCbCr709, "profile=4444"},
     {".mkv", "FFV1 16-bit RGBA", false, "matroska", "ffv1", "gbrap16le", PixelLayout::PlanarU16, "level=3:slicecrc=1"},
     {".png", "16-bit RGBA", true, nullptr, "png", "rgba64be", PixelLayout::PackedU16BE, ""},

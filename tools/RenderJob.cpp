@@ -15,9 +15,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <system_error>
 
+#include "FramePipeline.h"
 #include "MediaIO.h"
 #include "OutputStaging.h"
 #include "RenderDevice.h"
@@ -91,43 +93,43 @@ double SliderValue(aehost::AeHost& host, A_long diskId) {
   return host.ParamValue(ParamIndex(host, diskId)).u.fs_d.value;
 }
 
-// The input as the render loop consumes it: frames decoded so far, and the
-// frame size every frame must keep.
+// The input as the render loop consumes it: frames handed to the host so
+// far, and the frame size every frame must keep.
 struct Feed {
-  media::Reader& reader;
+  FrameSource& source;
   int64_t read = 0;
   bool eof = false;
   int width = 0, height = 0;
 };
 
-// Decodes input frames up to `until`, handing those from `from` on to the
-// host; frames older than any output still to come are only decoded (a chunk
-// late in a clip passes many of them).
-void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t from, int64_t until) {
+// Hands input frames up to `until` to the host. The source skips the frames
+// before the first output's window, which it only decodes (a chunk late in a
+// clip passes many of them).
+void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t until) {
   // Host times are 32-bit: frame k sits at k * timeStep.
   const int64_t maxFrame = INT_MAX / std::max<A_long>(1, host.Options().timeStep) - 1;
-  media::Picture picture;
   while (!feed.eof && feed.read <= until) {
     CheckInterrupt();
-    if (feed.read > maxFrame) throw Failure("the clip is too long for the host's time line");
-    const bool wanted = feed.read >= from;
-    if (!(wanted ? feed.reader.Next(picture) : feed.reader.Skip())) {
+    InputFrame frame = feed.source.Next();
+    if (frame.error) std::rethrow_exception(frame.error);
+    feed.read = frame.index;
+    if (frame.end) {
       CheckInterrupt();  // a signal may have cut a read short
       feed.eof = true;
       return;
     }
-    if (wanted) {
-      if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
-      if (picture.width != feed.width || picture.height != feed.height)
-        throw Failure("frame " + std::to_string(feed.read) + " is " + std::to_string(picture.width) + "x" +
-                      std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
-                      std::to_string(feed.height));
-      aehost::Image image;
-      image.width = picture.width;
-      image.height = picture.height;
-      image.rgba = std::move(picture.rgba);
-      host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), std::move(image));
-    }
+    if (feed.read > maxFrame) throw Failure("the clip is too long for the host's time line");
+    media::Picture& picture = frame.picture;
+    if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
+    if (picture.width != feed.width || picture.height != feed.height)
+      throw Failure("frame " + std::to_string(feed.read) + " is " + std::to_string(picture.width) + "x" +
+                    std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
+                    std::to_string(feed.height));
+    aehost::Image image;
+    image.width = picture.width;
+    image.height = picture.height;
+    image.rgba = std::move(picture.rgba);
+    host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), std::move(image));
     ++feed.read;
   }
 }
@@ -147,9 +149,8 @@ void CheckWindow(aehost::AeHost& host, const aehost::RenderResult& r, int64_t k,
   }
 }
 
-// Renders output frames first..last, `jobs` at once, and writes them.
-void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, const Feed& feed,
-                  media::Writer& writer) {
+// Renders output frames first..last, `jobs` at once, and queues them for writing.
+void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, const Feed& feed, FrameSink& sink) {
   std::vector<A_long> times;
   for (int64_t k = first; k <= last; ++k) times.push_back(host.FrameTime(static_cast<int>(k)));
   std::vector<aehost::RenderResult> results;
@@ -170,7 +171,7 @@ void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, c
     out.width = r.output.width;
     out.height = r.output.height;
     out.rgba = std::move(r.output.rgba);
-    writer.Write(out, k);
+    sink.Write(std::move(out), k);
   }
 }
 
@@ -269,25 +270,38 @@ int Run(aehost::AeHost& host, const Options& o) {
                                                   info.hasAudio ? o.input : std::string());
     Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
 
-    Feed feed{reader};
+    // A batch of renders waits on neither side: `jobs` frames queued each way.
+    const auto queued = static_cast<size_t>(std::max(2, o.jobs));
+    const int64_t lastInput = last > INT64_MAX - window.ahead ? INT64_MAX : last + window.ahead;
+    FrameSource source(reader, o.start - window.back, lastInput, queued);
+    Feed feed{source};
     feed.width = info.width;
     feed.height = info.height;
+    FrameSink sink(*writer, queued);
     int64_t next = o.start;
-    while (next <= last) {
-      const int64_t batchLast = std::min(last, next + o.jobs - 1);
-      FeedFrames(host, feed, next - window.back, batchLast + window.ahead);
-      if (feed.read <= next) break;  // the clip ended first
-      const int64_t upTo = std::min(batchLast, feed.read - 1);
-      RenderFrames(host, next, upTo, o.jobs, feed, *writer);
-      next = upTo + 1;
-      host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
-      progress.Update(next - o.start);
-      CheckInterrupt();
+    try {
+      while (next <= last) {
+        const int64_t batchLast = std::min(last, next + o.jobs - 1);
+        FeedFrames(host, feed, batchLast + window.ahead);
+        if (feed.read <= next) break;  // the clip ended first
+        const int64_t upTo = std::min(batchLast, feed.read - 1);
+        RenderFrames(host, next, upTo, o.jobs, feed, sink);
+        next = upTo + 1;
+        host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
+        progress.Update(next - o.start);
+        CheckInterrupt();
+      }
+      if (feed.read == 0) throw Failure(o.input + " has no frames");
+      if (next == o.start) throw Failure(PastTheEnd(o.start, feed.read - 1));
+    } catch (const Interrupted&) {
+      throw;
+    } catch (...) {
+      // The frames before the failure were written first: their errors come first.
+      sink.Flush();
+      throw;
     }
+    sink.Flush();
     const int64_t done = next - o.start;
-    if (feed.read == 0) throw Failure(o.input + " has no frames");
-    if (done <= 0) throw Failure(PastTheEnd(o.start, feed.read - 1));
-
     writer->Finish();
     const std::vector<std::string> files = writer->Files();
     writer.reset();
