@@ -49,7 +49,7 @@ tsan: deps
 # a folder of its own, from its seed inputs; a crash fails the run and leaves
 # the input that caused it in build-fuzz/.
 FUZZ_SECONDS ?= 30
-FUZZ_TARGETS = fuzz_frame_stack
+FUZZ_TARGETS = fuzz_frame_stack fuzz_inputs
 FUZZ_FLAGS = -fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer -fno-sanitize-recover=all
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF \
@@ -59,7 +59,7 @@ fuzz: deps
 	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
 	cd build-fuzz && for t in $(FUZZ_TARGETS); do \
 	  mkdir -p corpus/$$t && \
-	  ASAN_OPTIONS=detect_leaks=1 tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=$$t- \
+	  TD_MODULE_PATH=$(CURDIR)/build-fuzz/TremorDistiller.so ASAN_OPTIONS=detect_leaks=1 tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -timeout=20 -artifact_prefix=$$t- \
 	    corpus/$$t $(CURDIR)/tests/fuzz/seeds/$$t || exit 1; done
 
 bench: build

@@ -70,7 +70,9 @@ std::vector<std::string> ChoiceWords(const char* names) {
 
 void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInput>& in) {
   in.assign(kEffectOptionCount, EffectInput{});  // CLI11 keeps pointers into it from here on
-  auto* group = app.add_option_group("Effect");
+  // Groups by name only: CLI11 2.1's option groups are nameless subcommands,
+  // and an empty argument before an unknown option sent its parser into an
+  // endless loop looking for one.
   for (size_t i = 0; i < kEffectOptionCount; ++i) {
     const EffectOption& row = kEffectOptions[i];
     const PF_ParamIndex index = host.FindParam(row.id);
@@ -78,18 +80,19 @@ void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInp
     const PF_ParamDef def = host.Params()[index - 1].def;
     EffectInput& e = in[i];
     if (def.param_type == PF_Param_CHECKBOX) {
-      e.option = group->add_flag(row.flag, e.flag, row.help);
+      e.option = app.add_flag(row.flag, e.flag, row.help);
     } else if (def.param_type == PF_Param_POPUP) {
       e.words = ChoiceWords(def.u.pd.u.namesptr);
-      e.option = group->add_option(row.flag, e.choice, row.help);
+      e.option = app.add_option(row.flag, e.choice, row.help);
       e.option->check(CLI::IsMember(e.words, CLI::ignore_case));
       const int first = def.u.pd.dephault - 1;
       if (first >= 0 && first < static_cast<int>(e.words.size())) e.option->default_str(e.words[first]);
     } else {
-      e.option = group->add_option(row.flag, e.number, row.help);
+      e.option = app.add_option(row.flag, e.number, row.help);
       e.option->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max));
       e.option->default_str(Number(def.u.fs_d.dephault));
     }
+    e.option->group("Effect");
   }
 }
 
@@ -99,16 +102,20 @@ void AddRunOptions(CLI::App& app, Options& o) {
                               ", or a pattern ending in " + media::ExtensionList(true, " or ", true);
   app.add_option("-o", o.output, outputs)->type_name("OUTPUT");
 
-  auto* run = app.add_option_group("Run");
-  run->add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")->capture_default_str();
-  run->add_flag("--list-devices", o.listDevices, "List devices and exit");
+  app.add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")
+      ->capture_default_str()
+      ->group("Run");
+  app.add_flag("--list-devices", o.listDevices, "List devices and exit")->group("Run");
   // Frame numbers as a clip can have them; also keeps batch ends from overflowing.
   const CLI::Range frame(int64_t{0}, int64_t{std::numeric_limits<int32_t>::max()});
-  run->add_option("--start", o.start, "First output frame (0-based)")->check(frame);
-  run->add_option("--end", o.end, "Last output frame, inclusive")->check(frame);
-  run->add_option("--jobs", o.jobs, "Frames rendered at once")->check(CLI::Range(1, 64))->capture_default_str();
-  run->add_flag("-q,--quiet", o.quiet, "No progress or summary");
-  run->add_flag("--version", o.version, "Print the version and exit");
+  app.add_option("--start", o.start, "First output frame (0-based)")->check(frame)->group("Run");
+  app.add_option("--end", o.end, "Last output frame, inclusive")->check(frame)->group("Run");
+  app.add_option("--jobs", o.jobs, "Frames rendered at once")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str()
+      ->group("Run");
+  app.add_flag("-q,--quiet", o.quiet, "No progress or summary")->group("Run");
+  app.add_flag("--version", o.version, "Print the version and exit")->group("Run");
 }
 
 std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const std::vector<EffectInput>& in) {
