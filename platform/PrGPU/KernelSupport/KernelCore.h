@@ -8,6 +8,8 @@
  *
  *   GF_KERNEL                    kernel entry (returns void)
  *   GF_DEVICE_FUNCTION           device function
+ *   GF_ALWAYS_INLINE             before one that must be inlined where the
+ *                                compiler would call it (PoCL: per pixel)
  *   GF_PTR(T) / GF_CONST_PTR(T)  global memory pointers
  *   GF_GLOBAL_ID_X / _Y          the work item's global ids
  *   make_float2 / make_float4    vector construction

@@ -159,6 +159,7 @@ inline void gfStore16x4(float4 v, int i, void* p) {
 
 #define GF_KERNEL inline void
 #define GF_DEVICE_FUNCTION inline
+#define GF_ALWAYS_INLINE
 #define GF_PTR(T) T*
 #define GF_CONST_PTR(T) const T*
 #define GF_GLOBAL_ID_X (::gfcpu::tWorkItem.x)

@@ -7,6 +7,7 @@
 
 #define GF_KERNEL __global__ void
 #define GF_DEVICE_FUNCTION __device__ inline
+#define GF_ALWAYS_INLINE __attribute__((always_inline))
 #define GF_PTR(T) T*
 #define GF_CONST_PTR(T) const T*
 #define GF_GLOBAL_ID_X (blockIdx.x * blockDim.x + threadIdx.x)

@@ -5,6 +5,7 @@
 
 #define GF_KERNEL __kernel void
 #define GF_DEVICE_FUNCTION
+#define GF_ALWAYS_INLINE __attribute__((always_inline))
 #define GF_PTR(T) __global T*
 #define GF_CONST_PTR(T) __global const T*
 #define GF_GLOBAL_ID_X ((unsigned int)get_global_id(0))
