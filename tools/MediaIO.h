@@ -25,10 +25,14 @@ class MediaError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A time the input does not give (an image sequence's frames).
+constexpr int64_t kNoTime = INT64_MIN;
+
 struct Picture {
   int width = 0;
   int height = 0;
   std::vector<float> rgba;  // width * height * 4
+  int64_t pts = kNoTime;    // presentation time in InputInfo::timeBase, as the input gives it
 };
 
 struct Rational {
@@ -99,7 +103,9 @@ class Writer {
   Writer(const std::string& output, const OutputFormat& format, const InputInfo& info, const std::string& audioSource);
   ~Writer();
   // `frameNumber` is the input frame this picture belongs to: it names a
-  // sequence's file (the pattern's number) and times a video frame.
+  // sequence's file (the pattern's number). A video frame is timed by the
+  // picture's pts where the first picture has one (relative to it, and the
+  // input's audio from that same instant), else at the average frame rate.
   void Write(const Picture& picture, int64_t frameNumber);
   // Flushes encoders and closes the file; after this the output is complete.
   void Finish();

@@ -125,6 +125,7 @@ const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCb
 void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
   p.width = f.width;
   p.height = f.height;
+  p.pts = info.isSequence || f.best_effort_timestamp == AV_NOPTS_VALUE ? kNoTime : f.best_effort_timestamp;
   p.rgba.assign(static_cast<size_t>(f.width) * f.height * 4, 1.0f);
   const auto fmt = static_cast<AVPixelFormat>(f.format);
 

@@ -73,6 +73,11 @@ struct Writer::Impl {
   bool started = false, finished = false;
   int64_t first = 0, last = -1;
   int64_t firstNumber = 0;  // of the input sequence, which a sequence output keeps
+  // A video timed by the input's timestamps: the encoder counts in the
+  // input's time base from the first written picture's pts.
+  AVRational inputTimeBase{0, 1};
+  bool timed = false;
+  int64_t firstPts = 0, lastPts = 0;
 
   // Audio stream copy.
   InputPtr audioIn;
@@ -96,7 +101,7 @@ struct Writer::Impl {
   void WritePacket();
   void Drain();
   void PumpAudio(int64_t untilIn);
-  void PumpAudioTo(int64_t frameNumber);
+  void PumpAudioTo(int64_t pts);
 };
 
 Writer::Writer(const std::string& output, const OutputFormat& format, const InputInfo& info,
@@ -106,6 +111,7 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   m.output = output;
   m.format = &format;
   if (info.frameRate.num > 0 && info.frameRate.den > 0) m.rate = AVRational{info.frameRate.num, info.frameRate.den};
+  m.inputTimeBase = AVRational{info.timeBase.num, info.timeBase.den};
   m.firstNumber = info.firstNumber;
   if (format.sequence) return;
   const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
@@ -143,7 +149,7 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   enc->width = w;
   enc->height = h;
   enc->pix_fmt = encFmt;
-  enc->time_base = av_inv_q(rate);
+  enc->time_base = timed ? inputTimeBase : av_inv_q(rate);
   enc->framerate = rate;
   if (f.layout == PixelLayout::YCbCr709) {
     enc->color_primaries = AVCOL_PRI_BT709;
@@ -194,8 +200,11 @@ void Writer::Impl::OpenFile() {
     avcodec_parameters_copy(audioOut->codecpar, in->codecpar);
     audioOut->codecpar->codec_tag = 0;
     audioOut->time_base = in->time_base;
-    audioOffset =
-        av_rescale_q(first, enc->time_base, in->time_base) + (in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time);
+    // Both streams keep the container's clock: the audio starts at the
+    // instant of the first written picture.
+    audioOffset = timed ? av_rescale_q(firstPts, inputTimeBase, in->time_base)
+                        : av_rescale_q(first, enc->time_base, in->time_base) +
+                              (in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time);
   }
   files.push_back(output);
   int r = avio_open(&mux->pb, output.c_str(), AVIO_FLAG_WRITE);
@@ -245,10 +254,12 @@ void Writer::Impl::PumpAudio(int64_t untilIn) {
   }
 }
 
-// Audio up to the end of input frame `frameNumber`.
-void Writer::Impl::PumpAudioTo(int64_t frameNumber) {
-  if (audioIn)
-    PumpAudio(av_rescale_q(frameNumber + 1 - first, enc->time_base, audioIn->streams[audioInIndex]->time_base));
+// Audio up to the end of the picture at `pts` (the encoder's count): one
+// frame of the average rate past it.
+void Writer::Impl::PumpAudioTo(int64_t pts) {
+  if (!audioIn) return;
+  const int64_t end = pts + av_rescale_q(1, av_inv_q(rate), enc->time_base);
+  PumpAudio(av_rescale_q(end, enc->time_base, audioIn->streams[audioInIndex]->time_base));
 }
 
 // A video's packet into the file, a sequence's into its own file.
@@ -286,6 +297,8 @@ void Writer::Write(const Picture& picture, int64_t frameNumber) {
     throw MediaError("picture for '" + m.output + "' has inconsistent size");
   if (!m.started) {
     m.first = frameNumber;
+    m.timed = m.mux && picture.pts != kNoTime && m.inputTimeBase.num > 0 && m.inputTimeBase.den > 0;
+    m.firstPts = picture.pts;
     m.OpenEncoder(picture.width, picture.height);
     m.started = true;
   } else if (picture.width != m.enc->width || picture.height != m.enc->height) {
@@ -295,12 +308,18 @@ void Writer::Write(const Picture& picture, int64_t frameNumber) {
   }
   m.Fill(picture);
   m.frame->pts = frameNumber - m.first;
+  if (m.timed) {
+    // A picture without a time, or one not after the last, keeps the order.
+    const int64_t pts = picture.pts == kNoTime ? kNoTime : picture.pts - m.firstPts;
+    m.frame->pts = m.last < m.first ? 0 : (pts != kNoTime && pts > m.lastPts ? pts : m.lastPts + 1);
+    m.lastPts = m.frame->pts;
+  }
   const int r = avcodec_send_frame(m.enc.get(), m.frame.get());
   if (r < 0)
     throw MediaError("cannot encode frame " + std::to_string(frameNumber) + " of '" + m.output + "': " + AvError(r));
   m.last = frameNumber;
   m.Drain();
-  m.PumpAudioTo(frameNumber);
+  m.PumpAudioTo(m.frame->pts);
 }
 
 void Writer::Finish() {
@@ -314,7 +333,7 @@ void Writer::Finish() {
   avcodec_send_frame(m.enc.get(), nullptr);
   m.Drain();
   if (!m.mux) return;
-  m.PumpAudioTo(m.last);
+  m.PumpAudioTo(m.timed ? m.lastPts : m.last - m.first);
   int r = av_write_trailer(m.mux);
   if (r < 0) throw MediaError("cannot finish '" + m.output + "': " + AvError(r));
   r = avio_closep(&m.mux->pb);

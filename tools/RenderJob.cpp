@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -100,6 +101,7 @@ struct Feed {
   int64_t read = 0;
   bool eof = false;
   int width = 0, height = 0;
+  std::map<int64_t, int64_t> pts;  // of the frames handed over and not yet written, by index
 };
 
 // Hands input frames up to `until` to the host. The source skips the frames
@@ -125,6 +127,7 @@ void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t until) {
       throw Failure("frame " + std::to_string(feed.read) + " is " + std::to_string(picture.width) + "x" +
                     std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
                     std::to_string(feed.height));
+    feed.pts[feed.read] = picture.pts;
     aehost::Image image;
     image.width = picture.width;
     image.height = picture.height;
@@ -150,7 +153,7 @@ void CheckWindow(aehost::AeHost& host, const aehost::RenderResult& r, int64_t k,
 }
 
 // Renders output frames first..last, `jobs` at once, and queues them for writing.
-void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, const Feed& feed, FrameSink& sink) {
+void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, Feed& feed, FrameSink& sink) {
   std::vector<A_long> times;
   for (int64_t k = first; k <= last; ++k) times.push_back(host.FrameTime(static_cast<int>(k)));
   std::vector<aehost::RenderResult> results;
@@ -171,6 +174,10 @@ void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, c
     out.width = r.output.width;
     out.height = r.output.height;
     out.rgba = std::move(r.output.rgba);
+    // An output frame takes its input frame's time.
+    const auto at = feed.pts.find(k);
+    if (at != feed.pts.end()) out.pts = at->second;
+    feed.pts.erase(feed.pts.begin(), feed.pts.upper_bound(k));
     sink.Write(std::move(out), k);
   }
 }

@@ -235,6 +235,49 @@ TEST_F(TremorRender, StaleTemporariesOfDeadRunsAreRemoved) {
   EXPECT_EQ(Names(dir), (std::set<std::string>{".out.tremor-render-live03.mkv", "out.mkv"}));
 }
 
+// The numbers a command prints, one or more a line.
+std::vector<double> Numbers(const std::string& cmd) {
+  std::vector<double> v;
+  if (FILE* p = popen(cmd.c_str(), "r")) {
+    double x;
+    while (std::fscanf(p, " %lf", &x) == 1) v.push_back(x);
+    pclose(p);
+  }
+  return v;
+}
+
+// Frames keep the input's own times, gaps included, and the audio stays in
+// step with a video that starts after it: the sound that begins 0.3 s after
+// the first picture still does so in the output.
+TEST_F(TremorRender, TimingFollowsTheInputsTimestamps) {
+  const fs::path dir = OutDir("timing");
+  ASSERT_TRUE(
+      Ffmpeg("-f lavfi -i testsrc=size=64x32:rate=10 -f lavfi -i 'aevalsrc=if(gte(t\\,0.8)\\,0.5\\,0):d=3:s=8000' "
+             "-frames:v 8 -vf 'setpts=PTS+0.5/TB+gte(N\\,4)*0.45/TB' -fps_mode:v passthrough "
+             "-c:v ffv1 -c:a pcm_s16le " +
+             Quote(dir / "in.mkv")));
+  ASSERT_EQ(RunCli(dir, "in.mkv -o out.mkv --quiet").code, 0);
+  const std::string frames = "ffprobe -v error -select_streams v -show_entries frame=pts_time -of csv=p=0 ";
+  const std::vector<double> in = Numbers(frames + Quote(dir / "in.mkv")),
+                            out = Numbers(frames + Quote(dir / "out.mkv"));
+  ASSERT_EQ(in.size(), 8u);
+  ASSERT_EQ(out.size(), in.size());
+  for (size_t i = 0; i < in.size(); ++i) EXPECT_NEAR(out[i], in[i] - in[0], 0.0015) << i;
+  EXPECT_GT(in[4] - in[3], 0.3);  // the input has its gap
+
+  // Where the tone starts, against the first picture at 0.
+  const std::vector<double> start = Numbers(
+      "ffprobe -v error -select_streams a -show_entries stream=start_time "
+      "-of csv=p=0 " +
+      Quote(dir / "out.mkv"));
+  const std::vector<double> samples =
+      Numbers("ffmpeg -v error -i " + Quote(dir / "out.mkv") + " -map 0:a -f s16le -ac 1 - | od -An -v -td2 -w2");
+  ASSERT_EQ(start.size(), 1u);
+  const auto loud = std::find_if(samples.begin(), samples.end(), [](double s) { return std::fabs(s) > 1000; });
+  ASSERT_NE(loud, samples.end());
+  EXPECT_NEAR(start[0] + (loud - samples.begin()) / 8000.0, 0.3, 0.01);
+}
+
 // A chunk equals the same frames, by name and bytes, of a whole render
 // (look-back, look-ahead and fractional offsets each need their own window),
 // and --jobs changes no byte.
