@@ -278,6 +278,14 @@ void AeHost::RemoveFramesBefore(A_long time) {
   for (A_long t : gone) impl_->DropCached(t);
 }
 
+void AeHost::RemoveFrame(A_long time) {
+  {
+    std::lock_guard<std::mutex> lock(impl_->framesMutex);
+    impl_->frames.erase(time);
+  }
+  impl_->DropCached(time);
+}
+
 void AeHost::ClearFrames() {
   {
     std::lock_guard<std::mutex> lock(impl_->framesMutex);

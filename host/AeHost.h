@@ -221,6 +221,7 @@ class AeHost {
   void AddFrame(A_long time, Image frame);  // replaces a frame at that time
   A_long FrameTime(int k) const;            // k * timeStep
   void RemoveFramesBefore(A_long time);
+  void RemoveFrame(A_long time);  // the frame at exactly that time, and its device copy
   void ClearFrames();
   size_t FrameCount() const;
 

@@ -5,8 +5,8 @@
 namespace render {
 
 // Decoded frames are small and quick to make: two keep the converter fed.
-FrameSource::FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead)
-    : reader_(reader), from_(from), until_(until), decoded_(2), converted_(ahead) {
+FrameSource::FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert)
+    : reader_(reader), from_(from), until_(until), convert_(convert), decoded_(2), converted_(ahead) {
   decoder_ = std::thread([this] { DecodeLoop(); });
   converter_ = std::thread([this] { ConvertLoop(); });
 }
@@ -43,7 +43,9 @@ void FrameSource::ConvertLoop() {
     f.index = d.index;
     f.error = d.error;
     f.end = d.end;
-    if (!f.end && !f.error) {
+    if (!convert_) {
+      f.decoded = std::move(d.frame);
+    } else if (!f.end && !f.error) {
       try {
         reader_.Convert(d.frame, f.picture);
       } catch (...) {

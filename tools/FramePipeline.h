@@ -67,7 +67,8 @@ class Channel {
 struct InputFrame {
   int64_t index = 0;  // 0-based; at the end, the clip's frame count
   media::Picture picture;
-  std::exception_ptr error;  // reading this frame failed: nothing comes after it
+  media::DecodedFrame decoded;  // instead of the picture, from a source that does not convert
+  std::exception_ptr error;     // reading this frame failed: nothing comes after it
   bool end = false;
 };
 
@@ -76,7 +77,9 @@ struct InputFrame {
 // looks at them, but later frames need them).
 class FrameSource {
  public:
-  FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead);
+  // With `convert` false the frames come as decoded, for the caller to
+  // convert (Reader::Convert, on one thread at a time) when it needs them.
+  FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert = true);
   ~FrameSource();  // stops both threads
   FrameSource(const FrameSource&) = delete;
   FrameSource& operator=(const FrameSource&) = delete;
@@ -95,6 +98,7 @@ class FrameSource {
 
   media::Reader& reader_;
   const int64_t from_, until_;
+  const bool convert_;
   Channel<Decoded> decoded_;
   Channel<InputFrame> converted_;
   std::thread decoder_, converter_;

@@ -22,6 +22,13 @@ DecodedFrame::~DecodedFrame() = default;
 DecodedFrame::DecodedFrame(DecodedFrame&&) noexcept = default;
 DecodedFrame& DecodedFrame::operator=(DecodedFrame&&) noexcept = default;
 
+size_t DecodedFrame::Bytes() const {
+  size_t bytes = 0;
+  for (const AVBufferRef* b : impl_->frame->buf)
+    if (b) bytes += b->size;
+  return bytes;
+}
+
 struct Reader::Impl {
   std::string name;
   InputInfo info;

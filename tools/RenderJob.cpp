@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <map>
+#include <set>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -102,7 +104,28 @@ struct Feed {
   bool eof = false;
   int width = 0, height = 0;
   std::map<int64_t, int64_t> pts;  // of the frames handed over and not yet written, by index
+  // Where the frames in reach do not all fit the memory budget as the host
+  // holds them (float, and a device copy), they wait decoded and the host
+  // gets only those the stacks under way check out.
+  media::Reader* reader = nullptr;  // set when frames wait decoded
+  std::map<int64_t, media::DecodedFrame> decoded;
+  std::set<int64_t> inHost;
 };
+
+// Input frame `index` as the host takes it; its time kept for its output frame.
+aehost::Image HostImage(Feed& feed, int64_t index, media::Picture& picture) {
+  if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
+  if (picture.width != feed.width || picture.height != feed.height)
+    throw Failure("frame " + std::to_string(index) + " is " + std::to_string(picture.width) + "x" +
+                  std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
+                  std::to_string(feed.height));
+  feed.pts.emplace(index, picture.pts);
+  aehost::Image image;
+  image.width = picture.width;
+  image.height = picture.height;
+  image.rgba = std::move(picture.rgba);
+  return image;
+}
 
 // Hands input frames up to `until` to the host. The source skips the frames
 // before the first output's window, which it only decodes (a chunk late in a
@@ -121,20 +144,67 @@ void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t until) {
       return;
     }
     if (feed.read > maxFrame) throw Failure("the clip is too long for the host's time line");
-    media::Picture& picture = frame.picture;
-    if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
-    if (picture.width != feed.width || picture.height != feed.height)
-      throw Failure("frame " + std::to_string(feed.read) + " is " + std::to_string(picture.width) + "x" +
-                    std::to_string(picture.height) + ", unlike the clip's " + std::to_string(feed.width) + "x" +
-                    std::to_string(feed.height));
-    feed.pts[feed.read] = picture.pts;
-    aehost::Image image;
-    image.width = picture.width;
-    image.height = picture.height;
-    image.rgba = std::move(picture.rgba);
-    host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), std::move(image));
+    if (feed.reader)
+      feed.decoded[feed.read] = std::move(frame.decoded);
+    else
+      host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), HostImage(feed, feed.read, frame.picture));
     ++feed.read;
   }
+}
+
+// The input frames output frame k's stack checks out: the times worked out
+// as the effect does (in float), each mapped to the frame that covers it.
+void AddStackFrames(int64_t k, int frames, double offset, A_long step, std::set<int64_t>& out) {
+  const float off = static_cast<float>(offset);
+  for (int i = 0; i < frames; ++i) {
+    const float back = static_cast<float>(step * i) * off;
+    const auto t = static_cast<A_long>(static_cast<float>(static_cast<A_long>(k) * step) - back);
+    const int64_t index = t >= 0 ? t / step : -((static_cast<int64_t>(step) - 1 - t) / step);
+    if (index >= 0) out.insert(index);
+  }
+}
+
+// Gives the host the frames outputs first..last check out, converted from
+// their decoded form, and takes back the others it holds.
+void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t last, int frames, double offset) {
+  std::set<int64_t> needed;
+  for (int64_t k = first; k <= last; ++k) AddStackFrames(k, frames, offset, host.Options().timeStep, needed);
+  for (auto it = feed.inHost.begin(); it != feed.inHost.end();) {
+    if (needed.count(*it)) {
+      ++it;
+      continue;
+    }
+    host.RemoveFrame(host.FrameTime(static_cast<int>(*it)));
+    it = feed.inHost.erase(it);
+  }
+  for (const int64_t index : needed) {
+    const auto d = feed.decoded.find(index);
+    if (feed.inHost.count(index) || d == feed.decoded.end()) continue;
+    CheckInterrupt();
+    media::Picture picture;
+    feed.reader->Convert(d->second, picture);
+    host.AddFrame(host.FrameTime(static_cast<int>(index)), HostImage(feed, index, picture));
+    feed.inHost.insert(index);
+  }
+}
+
+// Bytes the system can still give: MemAvailable, else half of its memory.
+uint64_t AvailableMemory() {
+  std::ifstream in("/proc/meminfo");
+  std::string key, unit;
+  uint64_t kb = 0;
+  while (in >> key >> kb >> unit)
+    if (key == "MemAvailable:") return kb * 1024;
+  return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
+}
+
+std::string Size(uint64_t bytes) {
+  char text[32];
+  if (bytes >= (uint64_t{1} << 30))
+    std::snprintf(text, sizeof text, "%.1f GiB", bytes / double(uint64_t{1} << 30));
+  else
+    std::snprintf(text, sizeof text, "%.1f MiB", bytes / double(1 << 20));
+  return text;
 }
 
 // A frame the effect asked for that lies inside the clip must have been in the
@@ -269,8 +339,25 @@ int Run(aehost::AeHost& host, const Options& o) {
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
   const int64_t total = last == INT64_MAX ? -1 : last - o.start + 1;
   // "Frames" counts whole frames, as the effect reads it.
-  const Window window =
-      NeededFrames(static_cast<int>(SliderValue(host, PARAM_FRAMES)), SliderValue(host, PARAM_FRAMES_OFFSET));
+  const int frames = static_cast<int>(SliderValue(host, PARAM_FRAMES));
+  const double offset = SliderValue(host, PARAM_FRAMES_OFFSET);
+  const Window window = NeededFrames(frames, offset);
+  // A frame the host holds costs its float pixels and their device copy.
+  const uint64_t frameBytes = uint64_t{16} * static_cast<uint64_t>(info.width) * static_cast<uint64_t>(info.height) * 2;
+  const uint64_t budget = o.memory ? o.memory : AvailableMemory() / 4 * 3;
+  const auto queued = static_cast<size_t>(std::max(2, o.jobs));
+  const uint64_t reach = static_cast<uint64_t>(window.back + window.ahead) + static_cast<uint64_t>(o.jobs) + queued;
+  const bool fits = frameBytes == 0 || reach <= budget / frameBytes;
+  int jobs = o.jobs;
+  if (!fits) {
+    const uint64_t stacks = budget / (frameBytes * static_cast<uint64_t>(frames));
+    if (stacks == 0)
+      throw Failure("a stack of " + std::to_string(frames) + " frames of " + std::to_string(info.width) + "x" +
+                    std::to_string(info.height) + " needs " + Size(frameBytes * static_cast<uint64_t>(frames)) + " (" +
+                    Size(frameBytes) + " a frame, with its device copy); the memory budget is " + Size(budget) +
+                    " (--memory)");
+    jobs = static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(o.jobs), stacks));
+  }
   Staging staging(o.output, format.sequence);
   try {
     auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
@@ -278,23 +365,27 @@ int Run(aehost::AeHost& host, const Options& o) {
     Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
 
     // A batch of renders waits on neither side: `jobs` frames queued each way.
-    const auto queued = static_cast<size_t>(std::max(2, o.jobs));
     const int64_t lastInput = last > INT64_MAX - window.ahead ? INT64_MAX : last + window.ahead;
-    FrameSource source(reader, o.start - window.back, lastInput, queued);
+    FrameSource source(reader, o.start - window.back, lastInput, queued, fits);
     Feed feed{source};
+    if (!fits) feed.reader = &reader;
     feed.width = info.width;
     feed.height = info.height;
     FrameSink sink(*writer, queued);
     int64_t next = o.start;
     try {
       while (next <= last) {
-        const int64_t batchLast = std::min(last, next + o.jobs - 1);
+        const int64_t batchLast = std::min(last, next + jobs - 1);
         FeedFrames(host, feed, batchLast + window.ahead);
         if (feed.read <= next) break;  // the clip ended first
         const int64_t upTo = std::min(batchLast, feed.read - 1);
-        RenderFrames(host, next, upTo, o.jobs, feed, sink);
+        if (feed.reader) HandStackFrames(host, feed, next, upTo, frames, offset);
+        RenderFrames(host, next, upTo, jobs, feed, sink);
         next = upTo + 1;
-        host.RemoveFramesBefore(host.FrameTime(static_cast<int>(std::max<int64_t>(0, next - window.back))));
+        const int64_t keep = std::max<int64_t>(0, next - window.back);
+        host.RemoveFramesBefore(host.FrameTime(static_cast<int>(keep)));
+        feed.decoded.erase(feed.decoded.begin(), feed.decoded.lower_bound(keep));
+        feed.inHost.erase(feed.inHost.begin(), feed.inHost.lower_bound(keep));
         progress.Update(next - o.start);
         CheckInterrupt();
       }

@@ -114,6 +114,9 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::Range(1, 64))
       ->capture_default_str()
       ->group("Run");
+  app.add_option("--memory", o.memory, "Memory for input frames, e.g. 4G (default: 3/4 of what is available)")
+      ->transform(CLI::AsSizeValue(false))
+      ->group("Run");
   app.add_flag("-q,--quiet", o.quiet, "No progress or summary")->group("Run");
   app.add_flag("--version", o.version, "Print the version and exit")->group("Run");
 }

@@ -134,6 +134,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --device opencl:9.9", 1, "no device opencl:9.9 (see --list-devices)"},
       {in + "out.%04d.exr --device quantum", 2, "bad --device 'quantum'"},
       {in + "out.%04d.exr --frames 2", 2, "--frames: value 2 is outside 3..50 (see --help)"},
+      {in + "out.%04d.exr --frames 5 --frames-offset 2 --memory 100K", 1,
+       "a stack of 5 frames of 64x32 needs 0.3 MiB (0.1 MiB a frame, with its device copy); the memory budget is "
+       "0.1 MiB (--memory)"},
       {in + "out.%04d.exr --frames-offset -100.5", 2, "--frames-offset: value -100.5 is outside -100..100"},
       {in + "out.%04d.exr --frames-fade x", 2, "--frames-fade: value x is not a number"},
       {in + "out.%04d.exr --blending-mode multiply", 2, "--blending-mode: multiply not in {add,screen}"},
@@ -280,7 +283,8 @@ TEST_F(TremorRender, TimingFollowsTheInputsTimestamps) {
 
 // A chunk equals the same frames, by name and bytes, of a whole render
 // (look-back, look-ahead and fractional offsets each need their own window),
-// and --jobs changes no byte.
+// and neither --jobs nor a memory budget that holds only the stacks' own
+// frames changes a byte.
 TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
   const auto plain = Render("");
   const struct {
@@ -290,7 +294,10 @@ TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
                {"--frames 5 --frames-offset 2", "--start 4 --end 7", 4, 7},
                {"--frames 5 --frames-offset -1.5", "--start 4 --end 7", 4, 7},
                {"--frames 4 --frames-offset 0.5 --blending-mode screen", "--start 4 --end 7", 4, 7},
-               {"--frames 4", "--jobs 3", 0, 11}};
+               {"--frames 4", "--jobs 3", 0, 11},
+               // Frames in reach past the budget: only each stack's own are held.
+               {"--frames 5 --frames-offset 2", "--memory 400K --jobs 2", 0, 11},
+               {"--frames 4 --frames-offset -1.5", "--memory 300K --start 2 --end 9", 2, 9}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.effect + " " + c.variant);
     const auto whole = Render(c.effect);
