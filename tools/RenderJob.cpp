@@ -99,6 +99,7 @@ double SliderValue(aehost::AeHost& host, A_long diskId) {
 // The input as the render loop consumes it: frames handed to the host so
 // far, and the frame size every frame must keep.
 struct Feed {
+  explicit Feed(FrameSource& s) : source(s) {}
   FrameSource& source;
   int64_t read = 0;
   bool eof = false;
@@ -367,7 +368,7 @@ int Run(aehost::AeHost& host, const Options& o) {
     // A batch of renders waits on neither side: `jobs` frames queued each way.
     const int64_t lastInput = last > INT64_MAX - window.ahead ? INT64_MAX : last + window.ahead;
     FrameSource source(reader, o.start - window.back, lastInput, queued, fits);
-    Feed feed{source};
+    Feed feed(source);
     if (!fits) feed.reader = &reader;
     feed.width = info.width;
     feed.height = info.height;

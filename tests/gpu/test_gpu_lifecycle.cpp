@@ -285,7 +285,9 @@ TEST_F(GpuLifecycle, PassFailureRows) {
   EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: MainKernel"), 1u);
   list_.entries[2].kernel = nullptr;
   const StackBuffers stack{{p.buffers.inPreFrame, p.buffers.inCurFrame}, nullptr, nullptr, p.buffers.outDst};
-  EXPECT_EQ(GPURenderStack(OpenCL, &list_, nullptr, nullptr, stack, p.kd, p.main, StackChunk{1}, 16, 512), 512);
+  StackChunk chunk{};
+  chunk.passes = 1;
+  EXPECT_EQ(GPURenderStack(OpenCL, &list_, nullptr, nullptr, stack, p.kd, p.main, chunk, 16, 512), 512);
   EXPECT_EQ(log_.Count("Unknown OpenCL Kernel Function: StackKernel"), 1u);
   EXPECT_EQ(FakeCL::buffersLive, 0);
 
