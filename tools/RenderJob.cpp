@@ -166,17 +166,22 @@ void AddStackFrames(int64_t k, int frames, double offset, A_long step, std::set<
 }
 
 // Gives the host the frames outputs first..last check out, converted from
-// their decoded form, and takes back the others it holds.
-void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t last, int frames, double offset) {
+// their decoded form. Of the others it holds it keeps what `capacity` frames
+// allow, the newest: the oldest leave the stacks' reach first.
+void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t last, int frames, double offset,
+                     uint64_t capacity) {
   std::set<int64_t> needed;
   for (int64_t k = first; k <= last; ++k) AddStackFrames(k, frames, offset, host.Options().timeStep, needed);
-  for (auto it = feed.inHost.begin(); it != feed.inHost.end();) {
+  uint64_t held = feed.inHost.size();
+  for (const int64_t index : needed) held += feed.inHost.count(index) ? 0 : 1;
+  for (auto it = feed.inHost.begin(); it != feed.inHost.end() && held > capacity;) {
     if (needed.count(*it)) {
       ++it;
       continue;
     }
     host.RemoveFrame(host.FrameTime(static_cast<int>(*it)));
     it = feed.inHost.erase(it);
+    --held;
   }
   for (const int64_t index : needed) {
     const auto d = feed.decoded.find(index);
@@ -380,7 +385,7 @@ int Run(aehost::AeHost& host, const Options& o) {
         FeedFrames(host, feed, batchLast + window.ahead);
         if (feed.read <= next) break;  // the clip ended first
         const int64_t upTo = std::min(batchLast, feed.read - 1);
-        if (feed.reader) HandStackFrames(host, feed, next, upTo, frames, offset);
+        if (feed.reader) HandStackFrames(host, feed, next, upTo, frames, offset, budget / frameBytes);
         RenderFrames(host, next, upTo, jobs, feed, sink);
         next = upTo + 1;
         const int64_t keep = std::max<int64_t>(0, next - window.back);
