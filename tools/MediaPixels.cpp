@@ -57,6 +57,7 @@ void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out) {
         }
         break;
       case PixelLayout::PlanarU16:
+      case PixelLayout::YCbCr709:  // 16-bit planes that swscale converts from
         for (int c = 0; c < 4; ++c) {
           uint16_t* row = Row<uint16_t>(out, kPlaneOf[c], y);
           for (int x = 0; x < w; ++x) row[x] = ToU16(in[4 * x + c]);
@@ -69,11 +70,6 @@ void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out) {
           row[2 * i] = static_cast<uint8_t>(v >> 8);
           row[2 * i + 1] = static_cast<uint8_t>(v & 0xff);
         }
-        break;
-      }
-      case PixelLayout::YCbCr709: {
-        uint16_t* row = Row<uint16_t>(out, 0, y);
-        for (int i = 0; i < w * 4; ++i) row[i] = ToU16(in[i]);
         break;
       }
     }

@@ -24,7 +24,7 @@ void FloatPlanesToPicture(const AVFrame& f, bool gray, bool alpha, Picture& p);
 void PackedToPicture(const AVFrame& f, bool sixteen, Picture& p);
 
 // `p` into a frame of the layout's pixel format; for YCbCr709, into the 16-bit
-// RGBA frame that swscale converts from.
+// G, B, R, A planes that swscale converts from.
 void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out);
 
 }  // namespace media

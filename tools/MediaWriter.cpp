@@ -66,7 +66,7 @@ struct Writer::Impl {
   AVFormatContext* mux = nullptr;  // videos only
   AVStream* video = nullptr;
   SwsPtr sws;
-  FramePtr rgba64;  // integer staging for swscale
+  FramePtr planes16;  // 16-bit planar staging for swscale
   FramePtr frame;
   PacketPtr pkt{av_packet_alloc()};
   std::vector<std::string> files;
@@ -178,10 +178,12 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   if (mux) OpenFile();
 }
 
-// 16-bit full-range R'G'B' to the encoder's BT.709 limited-range Y'CbCr.
+// 16-bit full-range R'G'B' to the encoder's BT.709 limited-range Y'CbCr. The
+// 16-bit values go in planes: swscale converts those several times quicker
+// than packed RGBA64.
 void Writer::Impl::OpenColourConversion(int w, int h) {
-  rgba64 = NewFrame(AV_PIX_FMT_RGBA64, w, h);
-  sws = NewScaler(w, h, AV_PIX_FMT_RGBA64, enc->pix_fmt,
+  planes16 = NewFrame(AV_PIX_FMT_GBRAP16, w, h);
+  sws = NewScaler(w, h, AV_PIX_FMT_GBRAP16, enc->pix_fmt,
                   SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
   const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
@@ -215,8 +217,8 @@ void Writer::Impl::OpenFile() {
 
 void Writer::Impl::Fill(const Picture& p) {
   if (av_frame_make_writable(frame.get()) < 0) throw MediaError("out of memory for a frame");
-  PictureToFrame(p, format->layout, sws ? *rgba64 : *frame);
-  if (sws && sws_scale_frame(sws.get(), frame.get(), rgba64.get()) < 0)
+  PictureToFrame(p, format->layout, sws ? *planes16 : *frame);
+  if (sws && sws_scale_frame(sws.get(), frame.get(), planes16.get()) < 0)
     throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
 }
 
