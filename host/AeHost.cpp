@@ -151,6 +151,12 @@ void Impl::ReleaseDevice() {
     left.swap(effectWorlds);
   }
   left.clear();
+  decltype(spareBuffers) spares;
+  {
+    std::lock_guard<std::mutex> lock(worldsMutex);
+    spares.swap(spareBuffers);
+  }
+  for (const auto& spare : spares) device.kind->release(device, spare.second);
   CloseDevice(device);
 }
 
@@ -259,30 +265,42 @@ std::shared_ptr<const Image> Impl::FrameByKey(A_long key) const {
 void AeHost::AddFrame(A_long time, Image frame) {
   if (frame.width <= 0 || frame.height <= 0 || frame.rgba.size() != static_cast<size_t>(frame.width) * frame.height * 4)
     throw HostError(Args("frame at ", time, " is not ", frame.width, "x", frame.height, " RGBA floats"));
+  std::shared_ptr<const Image> gone;
   {
     std::lock_guard<std::mutex> lock(impl_->framesMutex);
-    impl_->frames[time] = std::make_shared<const Image>(std::move(frame));
+    auto& slot = impl_->frames[time];
+    gone = std::move(slot);
+    slot = std::make_shared<Image>(std::move(frame));  // not const: its pixels may be reused once it is gone
   }
+  impl_->KeepPixels(std::move(gone));
   impl_->DropCached(time);
 }
 
 A_long AeHost::FrameTime(int k) const { return k * impl_->options.timeStep; }
 
 void AeHost::RemoveFramesBefore(A_long time) {
-  std::vector<A_long> gone;
+  std::vector<std::pair<A_long, std::shared_ptr<const Image>>> gone;
   {
     std::lock_guard<std::mutex> lock(impl_->framesMutex);
     auto& f = impl_->frames;
-    for (auto it = f.begin(); it != f.end() && it->first < time; it = f.erase(it)) gone.push_back(it->first);
+    for (auto it = f.begin(); it != f.end() && it->first < time; it = f.erase(it)) gone.emplace_back(*it);
   }
-  for (A_long t : gone) impl_->DropCached(t);
+  for (auto& [t, frame] : gone) {
+    impl_->KeepPixels(std::move(frame));
+    impl_->DropCached(t);
+  }
 }
 
 void AeHost::RemoveFrame(A_long time) {
+  std::shared_ptr<const Image> gone;
   {
     std::lock_guard<std::mutex> lock(impl_->framesMutex);
-    impl_->frames.erase(time);
+    const auto it = impl_->frames.find(time);
+    if (it == impl_->frames.end()) return;
+    gone = std::move(it->second);
+    impl_->frames.erase(it);
   }
+  impl_->KeepPixels(std::move(gone));
   impl_->DropCached(time);
 }
 

@@ -133,11 +133,20 @@ struct AeHost::Impl {
   // Input layer
   mutable std::mutex framesMutex;
   std::map<A_long, std::shared_ptr<const Image>> frames;
+  // Pixel memory of frames gone, for the next output images: frame-sized
+  // buffers that keep their pages, where fresh ones fault every 4 KiB.
+  static constexpr size_t kSparePixels = 2;
+  std::vector<std::vector<float>> sparePixels;
 
   // Worlds and caches
   mutable std::mutex worldsMutex;
   std::unordered_set<const WorldRecord*> liveWorlds;
   std::unordered_map<const WorldRecord*, std::shared_ptr<WorldRecord>> effectWorlds;
+  // Device buffers of worlds gone, by size, for the next worlds: a renderer
+  // makes and drops frame-sized worlds every frame, and fresh memory costs
+  // page faults on CPU devices. A few at most, freed with the device.
+  static constexpr size_t kSpareBuffers = 4;
+  std::multimap<size_t, void*> spareBuffers;
   std::mutex cacheMutex;  // held across an upload so one frame uploads once
   std::map<A_long, CacheEntry> gpuCache, softCache;
   std::multiset<A_long> pinned;  // frames booked by renders under way: never evicted
@@ -184,6 +193,10 @@ struct AeHost::Impl {
   const WorldRecord* FindWorld(const PF_EffectWorld* world) const;
   void SelectDeviceOnThisThread();
   // Device memory of every kind back to the device, then the device closed.
+  void KeepPixels(std::shared_ptr<const Image> frame);  // when no one else holds it
+  std::vector<float> TakePixels();                      // empty when none is spare
+  void* TakeBuffer(size_t bytes);
+  void ReturnBuffer(void* buffer, size_t bytes);
   void ReleaseDevice();
 
   // ---- AeHostFrameCache.cpp ----

@@ -129,7 +129,7 @@ const PF_GPUDeviceSuite1 kGPUDeviceSuite = {GetDeviceInfo, CreateGPUWorld, Dispo
 // ---- Worlds and device memory ----
 
 WorldRecord::~WorldRecord() {
-  if (buffer) host->device.kind->release(host->device, buffer);
+  if (buffer) host->ReturnBuffer(buffer, bytes ? bytes : 1);
   if (host) {
     std::lock_guard<std::mutex> lock(host->worldsMutex);
     host->liveWorlds.erase(this);
@@ -148,7 +148,7 @@ std::shared_ptr<WorldRecord> Impl::NewWorld(bool gpu, A_long width, A_long heigh
   const size_t allocBytes = rec->bytes ? rec->bytes : 1;
   if (gpu) {
     if (!device.kind) throw HostError("no device for a GPU world");
-    rec->buffer = device.kind->allocate(device, allocBytes);
+    rec->buffer = TakeBuffer(allocBytes);
     rec->host = this;  // from here on the record frees its buffer
     if (poison || clear) device.kind->fill(device, rec->buffer, poison ? 0xFF : 0, allocBytes);  // 0xFF: NaNs
   } else {
@@ -167,6 +167,46 @@ std::shared_ptr<WorldRecord> Impl::NewWorld(bool gpu, A_long width, A_long heigh
   return rec;
 }
 
+void Impl::KeepPixels(std::shared_ptr<const Image> frame) {
+  if (!frame || frame.use_count() != 1) return;
+  // Frames are made non-const (AddFrame), so their memory may be taken back.
+  std::vector<float> pixels = std::move(std::const_pointer_cast<Image>(frame)->rgba);
+  std::lock_guard<std::mutex> lock(framesMutex);
+  if (sparePixels.size() < kSparePixels) sparePixels.push_back(std::move(pixels));
+}
+
+std::vector<float> Impl::TakePixels() {
+  std::lock_guard<std::mutex> lock(framesMutex);
+  if (sparePixels.empty()) return {};
+  std::vector<float> pixels = std::move(sparePixels.back());
+  sparePixels.pop_back();
+  return pixels;
+}
+
+void* Impl::TakeBuffer(size_t bytes) {
+  {
+    std::lock_guard<std::mutex> lock(worldsMutex);
+    const auto spare = spareBuffers.find(bytes);
+    if (spare != spareBuffers.end()) {
+      void* buffer = spare->second;
+      spareBuffers.erase(spare);
+      return buffer;
+    }
+  }
+  return device.kind->allocate(device, bytes);
+}
+
+void Impl::ReturnBuffer(void* buffer, size_t bytes) {
+  {
+    std::lock_guard<std::mutex> lock(worldsMutex);
+    if (spareBuffers.size() < kSpareBuffers) {
+      spareBuffers.emplace(bytes, buffer);
+      return;
+    }
+  }
+  device.kind->release(device, buffer);
+}
+
 const WorldRecord* Impl::FindWorld(const PF_EffectWorld* world) const {
   if (!world) return nullptr;
   const auto* rec = static_cast<const WorldRecord*>(world->platform_ref);
@@ -183,14 +223,47 @@ uint16_t To16(float v) { return static_cast<uint16_t>(std::lround(std::clamp(v, 
 
 }  // namespace
 
+// A world's bytes in host memory: software memory, a device buffer's own
+// mapped view, or else a staging copy that upload and download move across.
+// The staging memory stays with the thread, so a frame-sized copy is not
+// allocated (and faulted in) again for every frame.
+class WorldBytes {
+ public:
+  WorldBytes(const Device& device, const WorldRecord& world, bool read) : device_(device), world_(world) {
+    if (!world.gpu) {
+      base_ = const_cast<uint8_t*>(world.memory.data());
+    } else if (device.kind->map && world.bytes) {
+      base_ = static_cast<uint8_t*>(mapped_ = device.kind->map(device, world.buffer, world.bytes));
+    } else {
+      thread_local std::vector<uint8_t> staging;
+      if (staging.size() < world.bytes) staging.resize(world.bytes);
+      base_ = staging.data();
+      if (read && world.bytes) device.kind->download(device, world.buffer, base_, world.bytes);
+    }
+  }
+  ~WorldBytes() {
+    if (mapped_) device_.kind->unmap(device_, world_.buffer, mapped_);
+  }
+  // After writing: the device has the bytes.
+  void Publish() {
+    if (world_.gpu && !mapped_ && world_.bytes) device_.kind->upload(device_, world_.buffer, base_, world_.bytes);
+  }
+  uint8_t* Row(A_long y) const { return base_ + static_cast<size_t>(y) * world_.world.rowbytes; }
+
+ private:
+  const Device& device_;
+  const WorldRecord& world_;
+  void* mapped_ = nullptr;
+  uint8_t* base_ = nullptr;
+};
+
 // GPU worlds hold B, G, R, A floats; software worlds A, R, G, B in their depth.
 void Impl::UploadImage(WorldRecord& world, const Image& image) {
   const PF_EffectWorld& w = world.world;
   if (image.width != w.width || image.height != w.height) throw HostError("image and world sizes differ");
-  std::vector<uint8_t> staging;
-  uint8_t* base = world.gpu ? (staging.assign(world.bytes, 0), staging.data()) : world.memory.data();
+  WorldBytes bytes(device, world, false);
   for (A_long y = 0; y < w.height; ++y) {
-    uint8_t* row = base + static_cast<size_t>(y) * w.rowbytes;
+    uint8_t* row = bytes.Row(y);
     for (A_long x = 0; x < w.width; ++x) {
       const float* p = image.At(x, y);
       if (world.gpu) {
@@ -208,24 +281,24 @@ void Impl::UploadImage(WorldRecord& world, const Image& image) {
       }
     }
   }
-  if (!world.gpu || world.bytes == 0) return;
-  device.kind->upload(device, world.buffer, staging.data(), world.bytes);
+  bytes.Publish();
 }
 
 Image Impl::DownloadImage(const WorldRecord& world) {
   const PF_EffectWorld& w = world.world;
-  Image image(w.width, w.height);
-  std::vector<uint8_t> staging;
-  const uint8_t* base = world.memory.data();
-  if (world.gpu) {
-    staging.assign(world.bytes ? world.bytes : 1, 0);
-    if (world.bytes) device.kind->download(device, world.buffer, staging.data(), world.bytes);
-    base = staging.data();
-  }
+  Image image;
+  image.width = w.width;
+  image.height = w.height;
+  // Rows are appended from a small buffer, so the image's memory is written once.
+  image.rgba = TakePixels();
+  image.rgba.clear();
+  image.rgba.reserve(static_cast<size_t>(w.width) * w.height * 4);
+  std::vector<float> line(static_cast<size_t>(w.width) * 4);
+  WorldBytes bytes(device, world, true);
   for (A_long y = 0; y < w.height; ++y) {
-    const uint8_t* row = base + static_cast<size_t>(y) * w.rowbytes;
+    const uint8_t* row = bytes.Row(y);
     for (A_long x = 0; x < w.width; ++x) {
-      float* p = image.At(x, y);
+      float* p = line.data() + static_cast<size_t>(x) * 4;
       if (world.gpu) {
         float bgra[4];
         std::memcpy(bgra, row + x * 16, 16);
@@ -243,6 +316,7 @@ Image Impl::DownloadImage(const WorldRecord& world) {
         p[0] = argb[1], p[1] = argb[2], p[2] = argb[3], p[3] = argb[0];
       }
     }
+    image.rgba.insert(image.rgba.end(), line.begin(), line.end());
   }
   return image;
 }

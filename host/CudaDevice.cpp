@@ -91,5 +91,6 @@ void Finish(const Device&) { cudaDeviceSynchronize(); }
 
 }  // namespace
 
-extern const DeviceKind kCudaDeviceKind = {"cuda",   "CUDA",  "N",    0,        List, AddressValid, Open,       Close,
-                                           Allocate, Release, Upload, Download, Fill, Copy,         BindThread, Finish};
+extern const DeviceKind kCudaDeviceKind = {"cuda", "CUDA", "N",      0,       List,       AddressValid,
+                                           Open,   Close,  Allocate, Release, Upload,     Download,
+                                           Fill,   Copy,   nullptr,  nullptr, BindThread, Finish};

@@ -59,6 +59,11 @@ struct DeviceKind {
   void (*download)(const Device& device, void* buffer, void* data, size_t bytes);  // waits
   void (*fill)(const Device& device, void* buffer, uint8_t byte, size_t bytes);
   void (*copy)(const Device& device, void* dst, const void* src, size_t bytes);  // on the device
+  // The buffer's bytes in host memory for reading and writing, until unmap;
+  // on a CPU device that is the buffer itself, so nothing is copied. Null
+  // rows where the kind has no such view (upload and download then).
+  void* (*map)(const Device& device, void* buffer, size_t bytes);
+  void (*unmap)(const Device& device, void* buffer, void* mapped);
   // Makes the device current on the calling thread where the kind keeps one per thread.
   void (*bindThread)(const Device& device);
   void (*finish)(const Device& device);  // waits for queued work

@@ -138,12 +138,25 @@ void Copy(const Device& device, void* dst, const void* src, size_t bytes) {
         "clEnqueueCopyBuffer");
 }
 
+void* Map(const Device& device, void* buffer, size_t bytes) {
+  cl_int err = CL_SUCCESS;
+  void* mapped = clEnqueueMapBuffer(Queue(device), static_cast<cl_mem>(buffer), CL_TRUE, CL_MAP_READ | CL_MAP_WRITE, 0,
+                                    bytes, 0, nullptr, nullptr, &err);
+  Check(err, "clEnqueueMapBuffer");
+  return mapped;
+}
+
+void Unmap(const Device& device, void* buffer, void* mapped) {
+  Check(clEnqueueUnmapMemObject(Queue(device), static_cast<cl_mem>(buffer), mapped, 0, nullptr, nullptr),
+        "clEnqueueUnmapMemObject");
+}
+
 void BindThread(const Device&) {}  // OpenCL has no current device
 
 void Finish(const Device& device) { clFinish(Queue(device)); }
 
 }  // namespace
 
-extern const DeviceKind kOpenCLDeviceKind = {"opencl", "OpenCL", "PLATFORM.DEVICE", 1,       List,   AddressValid,
-                                             Open,     Close,    Allocate,          Release, Upload, Download,
-                                             Fill,     Copy,     BindThread,        Finish};
+extern const DeviceKind kOpenCLDeviceKind = {
+    "opencl", "OpenCL", "PLATFORM.DEVICE", 1,    List, AddressValid, Open,  Close,      Allocate,
+    Release,  Upload,   Download,          Fill, Copy, Map,          Unmap, BindThread, Finish};
