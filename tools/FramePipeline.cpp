@@ -5,8 +5,9 @@
 namespace render {
 
 // Decoded frames are small and quick to make: two keep the converter fed.
-FrameSource::FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert)
-    : reader_(reader), from_(from), until_(until), convert_(convert), decoded_(2), converted_(ahead) {
+FrameSource::FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert,
+                         SparePixels* spares)
+    : reader_(reader), from_(from), until_(until), convert_(convert), spares_(spares), decoded_(2), converted_(ahead) {
   decoder_ = std::thread([this] { DecodeLoop(); });
   converter_ = std::thread([this] { ConvertLoop(); });
 }
@@ -47,6 +48,7 @@ void FrameSource::ConvertLoop() {
       f.decoded = std::move(d.frame);
     } else if (!f.end && !f.error) {
       try {
+        if (spares_) f.picture.rgba = spares_->Take();
         reader_.Convert(d.frame, f.picture);
       } catch (...) {
         f.error = std::current_exception();
@@ -64,7 +66,8 @@ InputFrame FrameSource::Next() {
   return f;
 }
 
-FrameSink::FrameSink(media::Writer& writer, size_t capacity) : writer_(writer), queue_(capacity) {
+FrameSink::FrameSink(media::Writer& writer, size_t capacity, SparePixels* spares)
+    : writer_(writer), spares_(spares), queue_(capacity) {
   thread_ = std::thread([this] { WriteLoop(); });
 }
 
@@ -78,6 +81,7 @@ void FrameSink::WriteLoop() {
   while (queue_.Pop(item)) {
     try {
       writer_.Write(item.first, item.second);
+      if (spares_) spares_->Give(std::move(item.first.rgba));
     } catch (...) {
       {
         std::lock_guard<std::mutex> lock(errorMutex_);

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "MediaIO.h"
 
@@ -63,6 +64,29 @@ class Channel {
   bool closed_ = false, cancelled_ = false;
 };
 
+// Pixel memory of written frames handed back to the converter: frame-sized
+// buffers that keep their pages, where fresh ones cost a page fault every 4 KiB.
+class SparePixels {
+ public:
+  explicit SparePixels(size_t capacity) : capacity_(capacity) {}
+  void Give(std::vector<float> pixels) {  // kept while there is room
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (spare_.size() < capacity_) spare_.push_back(std::move(pixels));
+  }
+  std::vector<float> Take() {  // empty when none is spare
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (spare_.empty()) return {};
+    std::vector<float> pixels = std::move(spare_.back());
+    spare_.pop_back();
+    return pixels;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::vector<float>> spare_;
+  const size_t capacity_;
+};
+
 // One input frame as the render takes it, in the clip's order.
 struct InputFrame {
   int64_t index = 0;  // 0-based; at the end, the clip's frame count
@@ -79,7 +103,9 @@ class FrameSource {
  public:
   // With `convert` false the frames come as decoded, for the caller to
   // convert (Reader::Convert, on one thread at a time) when it needs them.
-  FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert = true);
+  // Converted pictures take their memory from `spares` where it has some.
+  FrameSource(media::Reader& reader, int64_t from, int64_t until, size_t ahead, bool convert = true,
+              SparePixels* spares = nullptr);
   ~FrameSource();  // stops both threads
   FrameSource(const FrameSource&) = delete;
   FrameSource& operator=(const FrameSource&) = delete;
@@ -99,6 +125,7 @@ class FrameSource {
   media::Reader& reader_;
   const int64_t from_, until_;
   const bool convert_;
+  SparePixels* spares_;
   Channel<Decoded> decoded_;
   Channel<InputFrame> converted_;
   std::thread decoder_, converter_;
@@ -107,7 +134,8 @@ class FrameSource {
 // Writes rendered frames, in the order given, on a thread of its own.
 class FrameSink {
  public:
-  FrameSink(media::Writer& writer, size_t capacity);
+  // Written pictures give their memory to `spares`, where there is one.
+  FrameSink(media::Writer& writer, size_t capacity, SparePixels* spares = nullptr);
   ~FrameSink();  // drops what is queued and stops the thread
   FrameSink(const FrameSink&) = delete;
   FrameSink& operator=(const FrameSink&) = delete;
@@ -122,6 +150,7 @@ class FrameSink {
   void ThrowIfFailed();
 
   media::Writer& writer_;
+  SparePixels* spares_;
   Channel<std::pair<media::Picture, int64_t>> queue_;
   std::mutex errorMutex_;
   std::exception_ptr error_;

@@ -19,28 +19,32 @@ uint16_t ToU16(float v) {
   return static_cast<uint16_t>(v * 65535.0f + 0.5f);
 }
 
+// Rows are made in a small buffer and appended, so the picture's memory is
+// written once (not cleared first).
 void FloatPlanesToPicture(const AVFrame& f, bool gray, bool alpha, Picture& p) {
   const int w = p.width;
+  std::vector<float> line(static_cast<size_t>(w) * 4, 1.0f);
   for (int y = 0; y < p.height; ++y) {
-    float* out = &p.rgba[static_cast<size_t>(y) * w * 4];
     for (int c = 0; c < (alpha ? 4 : 3); ++c) {
       const float* in = Row<const float>(f, gray ? 0 : kPlaneOf[c], y);
-      for (int x = 0; x < w; ++x) out[4 * x + c] = in[x];
+      for (int x = 0; x < w; ++x) line[4 * x + c] = in[x];
     }
+    p.rgba.insert(p.rgba.end(), line.begin(), line.end());
   }
 }
 
 void PackedToPicture(const AVFrame& f, bool sixteen, Picture& p) {
   const int n = p.width * 4;
+  std::vector<float> line(static_cast<size_t>(n));
   for (int y = 0; y < p.height; ++y) {
-    float* out = &p.rgba[static_cast<size_t>(y) * n];
     if (sixteen) {
       const uint16_t* in = Row<const uint16_t>(f, 0, y);
-      for (int i = 0; i < n; ++i) out[i] = in[i] / 65535.0f;
+      for (int i = 0; i < n; ++i) line[i] = in[i] / 65535.0f;
     } else {
       const uint8_t* in = Row<const uint8_t>(f, 0, y);
-      for (int i = 0; i < n; ++i) out[i] = in[i] / 255.0f;
+      for (int i = 0; i < n; ++i) line[i] = in[i] / 255.0f;
     }
+    p.rgba.insert(p.rgba.end(), line.begin(), line.end());
   }
 }
 

@@ -133,7 +133,8 @@ void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
   p.width = f.width;
   p.height = f.height;
   p.pts = info.isSequence || f.best_effort_timestamp == AV_NOPTS_VALUE ? kNoTime : f.best_effort_timestamp;
-  p.rgba.assign(static_cast<size_t>(f.width) * f.height * 4, 1.0f);
+  p.rgba.clear();  // the conversions append rows
+  p.rgba.reserve(static_cast<size_t>(f.width) * f.height * 4);
   const auto fmt = static_cast<AVPixelFormat>(f.format);
 
   // Float sources are copied as they are: swscale would clip or requantise.

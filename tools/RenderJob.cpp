@@ -372,12 +372,13 @@ int Run(aehost::AeHost& host, const Options& o) {
 
     // A batch of renders waits on neither side: `jobs` frames queued each way.
     const int64_t lastInput = last > INT64_MAX - window.ahead ? INT64_MAX : last + window.ahead;
-    FrameSource source(reader, o.start - window.back, lastInput, queued, fits);
+    SparePixels spares(2);
+    FrameSource source(reader, o.start - window.back, lastInput, queued, fits, &spares);
     Feed feed(source);
     if (!fits) feed.reader = &reader;
     feed.width = info.width;
     feed.height = info.height;
-    FrameSink sink(*writer, queued);
+    FrameSink sink(*writer, queued, &spares);
     int64_t next = o.start;
     try {
       while (next <= last) {
