@@ -16,26 +16,29 @@ device=${DEVICE:-auto}
 ffmpeg -nostdin -v error -y -f lavfi -i "testsrc2=s=1920x1080:r=25" -frames:v "$frames" \
   -c:v libx264 -pix_fmt yuv420p -crf 18 "$work/clip.mp4"
 
-seconds() {  # wall seconds of a command, as a decimal
-  local t0 t1
-  t0=$(date +%s.%N)
-  "$@" > /dev/null 2>&1
-  t1=$(date +%s.%N)
-  awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.3f", b - a }'
+# Wall and CPU (user + system) seconds of a command. The CPU figure moves
+# less with other work on a shared machine than the wall one does.
+seconds() {
+  local TIMEFORMAT='%R %U %S' out
+  out=$( { time "$@" > /dev/null 2>&1; } 2>&1 )
+  awk '{ printf "%.3f %.3f", $1, $2 + $3 }' <<< "$out"
 }
 
-median() {  # median seconds of `repeat` runs
+median_of() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+median() {  # "wall cpu": the medians of `repeat` runs
   local i runs=()
   for ((i = 0; i < repeat; i++)); do runs+=("$(seconds "$@")"); done
-  printf '%s\n' "${runs[@]}" | sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+  echo "$(printf '%s\n' "${runs[@]}" | cut -d' ' -f1 | median_of) $(printf '%s\n' "${runs[@]}" | cut -d' ' -f2 | median_of)"
 }
 
 # Like with like: each decodes the same clip and writes H.264 mp4 (libx264 at
 # its defaults for the filters, tremor-render's own mp4 settings).
-t_render=$(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mp4" --quiet --device "$device")
-t_tmix=$(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tmix=frames=10 -c:v libx264 "$work/tmix.mp4")
-t_tblend=$(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tblend=all_mode=difference -c:v libx264 \
-  "$work/tblend.mp4")
+read -r t_render c_render < <(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mp4" --quiet --device "$device")
+read -r t_tmix c_tmix < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tmix=frames=10 -c:v libx264 \
+  "$work/tmix.mp4")
+read -r t_tblend c_tblend < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tblend=all_mode=difference \
+  -c:v libx264 "$work/tblend.mp4")
 device_name=$("$build/tremor-render" "$work/clip.mp4" -o "$work/one.mkv" --end 0 --device "$device" 2>&1 |
   sed -n 's/.* on \(.*\)$/\1/p' | tail -1)
 
@@ -44,6 +47,9 @@ ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.4f", a / b }'; }
 f_render=$(fps "$t_render"); f_tmix=$(fps "$t_tmix"); f_tblend=$(fps "$t_tblend")
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')"
 echo "clip: 1920x1080, $frames frames; medians of $repeat runs"
-echo "tremor-render (default settings, $device_name): $f_render fps"
-echo "ffmpeg tmix=frames=10:      $f_tmix fps   (tremor-render / tmix = $(ratio "$f_render" "$f_tmix"))"
-echo "ffmpeg tblend difference:   $f_tblend fps   (tremor-render / tblend = $(ratio "$f_render" "$f_tblend"))"
+cpu() { awk -v n="$frames" -v t="$1" 'BEGIN { printf "%.1f", 1000 * t / n }'; }
+echo "tremor-render (default settings, $device_name): $f_render fps, $(cpu "$c_render") CPU ms a frame"
+echo "ffmpeg tmix=frames=10:      $f_tmix fps, $(cpu "$c_tmix") CPU ms a frame   (tremor-render / tmix:" \
+  "$(ratio "$f_render" "$f_tmix") in fps, $(ratio "$c_tmix" "$c_render") in CPU)"
+echo "ffmpeg tblend difference:   $f_tblend fps, $(cpu "$c_tblend") CPU ms a frame   (tremor-render / tblend:" \
+  "$(ratio "$f_render" "$f_tblend") in fps, $(ratio "$c_tblend" "$c_render") in CPU)"
