@@ -22,11 +22,12 @@ test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # The whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
-# in a build folder of its own (CUDA left out: nothing runs it here); any
-# report fails the run.
+# in a build folder of its own (CUDA left out: nothing runs it here; the
+# frei0r filter too: it runs only inside FFmpeg and melt, which load no
+# sanitizer runtime); any report fails the run.
 SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
 sanitize: deps
-	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF \
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
 	cmake --build build-sanitize -j $(JOBS)
@@ -53,7 +54,7 @@ FUZZ_TARGETS = fuzz_frame_stack fuzz_inputs
 FUZZ_FLAGS = -fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer -fno-sanitize-recover=all
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF \
-	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON \
+	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON -DTD_BUILD_FREI0R=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(FUZZ_FLAGS)" "-DCMAKE_C_FLAGS=$(FUZZ_FLAGS)" \
 	  "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined"
 	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)

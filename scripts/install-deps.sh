@@ -10,6 +10,7 @@ packages=(
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
+  frei0r-plugins-dev melt python3
   clang libclang-rt-14-dev
 )
 

@@ -1,0 +1,213 @@
+// The effect as a frei0r filter, for FFmpeg, MLT and the editors built on it.
+// Each instance opens its own device (TREMOR_DISTILLER_DEVICE, else "auto":
+// a GPU if there is one, else PoCL), keeps the frames its stacks reach on it,
+// each uploaded once, and renders every frame's stack through the effect's
+// one frame-stack loop. A device that cannot be used is reported once on
+// standard error and the frames pass through unchanged: a filter must not
+// bring its host down.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Device.h"
+#include "DeviceFrameStack.h"
+#include "Frei0rControls.h"
+#include "Frei0rStack.h"
+#include "LogsController.h"
+extern "C" {  // the header declares the entry points for C callers
+#include "frei0r.h"
+}
+
+namespace {
+
+constexpr size_t kPixelBytes = 16;  // B, G, R, A floats on the device
+
+// One line per kind of trouble for the whole process: hosts make many
+// instances, and one broken device would otherwise fill the terminal.
+void ReportOnce(const std::string& line) {
+  static std::mutex mutex;
+  static std::vector<std::string> said;
+  std::lock_guard<std::mutex> lock(mutex);
+  if (std::find(said.begin(), said.end(), line) != said.end()) return;
+  said.push_back(line);
+  std::fprintf(stderr, "tremor_distiller: %s; frames pass through unchanged\n", line.c_str());
+}
+
+struct Instance {
+  unsigned int width, height;
+  std::vector<double> values = DefaultControlValues();
+  std::unique_ptr<Device> device;
+  std::unique_ptr<DeviceKernels> kernels;
+  FrameClock clock;
+  std::map<int64_t, DeviceBuffer> history;  // by frame number
+  DeviceBuffer output;
+  std::vector<float> staging;  // one frame of device pixels on the host
+  bool failed = false;
+
+  size_t FrameBytes() const { return static_cast<size_t>(width) * height * kPixelBytes; }
+
+  void Open() {
+    const char* text = std::getenv("TREMOR_DISTILLER_DEVICE");
+    device = std::make_unique<Device>(OpenDevice(text && *text ? text : "auto"));
+    kernels = std::make_unique<DeviceKernels>(*device);
+    if (kernels->status != 0)
+      throw std::runtime_error("the effect's kernels did not build on " + device->name + " (status " +
+                               std::to_string(kernels->status) + ")");
+    output = AllocateDeviceBuffer(*device, FrameBytes());
+    staging.resize(static_cast<size_t>(width) * height * 4);
+  }
+
+  ~Instance() {
+    // Device memory and kernels go before the device they belong to.
+    history.clear();
+    output.reset();
+    kernels.reset();
+    if (device) CloseDevice(*device);
+  }
+
+  void Upload(const uint32_t* in, void* buffer) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(in);
+    for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
+      const uint8_t* rgba = bytes + 4 * p;
+      float* bgra = staging.data() + 4 * p;
+      bgra[0] = rgba[2] / 255.0f, bgra[1] = rgba[1] / 255.0f, bgra[2] = rgba[0] / 255.0f, bgra[3] = rgba[3] / 255.0f;
+    }
+    device->kind->upload(*device, buffer, staging.data(), FrameBytes());
+  }
+
+  void Download(uint32_t* out) {
+    device->kind->download(*device, output.get(), staging.data(), FrameBytes());
+    auto* bytes = reinterpret_cast<uint8_t*>(out);
+    auto to8 = [](float v) { return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f)); };
+    for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
+      const float* bgra = staging.data() + 4 * p;
+      uint8_t* rgba = bytes + 4 * p;
+      rgba[0] = to8(bgra[2]), rgba[1] = to8(bgra[1]), rgba[2] = to8(bgra[0]), rgba[3] = to8(bgra[3]);
+    }
+  }
+
+  void Update(double time, const uint32_t* in, uint32_t* out) {
+    KernelData kd;
+    FillKernelData(values, kd);
+    const double offset = StackOffset(values);
+    bool restarted = false;
+    const int64_t now = clock.Place(time, &restarted);
+    if (restarted) history.clear();
+    // Frames no stack from here on can reach leave first.
+    const int64_t reach = StackReach(kd.numFrames, offset);
+    history.erase(history.begin(), history.lower_bound(now - reach + 1));
+    auto& current = history[now];
+    if (!current) current = AllocateDeviceBuffer(*device, FrameBytes());
+    Upload(in, current.get());
+
+    FrameStackJob job;
+    const auto pitch = static_cast<int32_t>(width * kPixelBytes);
+    const auto w = static_cast<int32_t>(width), h = static_cast<int32_t>(height);
+    void* newer = nullptr;
+    for (const int64_t k : StackFrameNumbers(now, kd.numFrames, offset)) {
+      const auto found = history.find(k);
+      // A frame before the history's start takes its newer neighbour's picture.
+      void* frame = found != history.end() ? found->second.get() : newer;
+      job.frames.push_back({frame, w, h, pitch, 0, 0});
+      newer = frame;
+    }
+    job.output = {output.get(), w, h, pitch, 0, 0};
+    job.is16f = false;
+    job.kernelData = &kd;
+    const FrameStackHost host = MakeDeviceFrameStackHost(*device, &kernels->list, job);
+    if (const int32_t status = RenderFrameStack(job, host))
+      throw std::runtime_error("a render failed with status " + std::to_string(status) +
+                               "; the effect's log has the details");
+    Download(out);
+  }
+};
+
+}  // namespace
+
+extern "C" {
+
+// The effect's log, as its global set-up starts it on the other hosts.
+__attribute__((visibility("default"))) int f0r_init() {
+  LoggerInit(kLogFileStem, kLogFolderName);
+  return 1;
+}
+
+__attribute__((visibility("default"))) void f0r_deinit() {}
+
+__attribute__((visibility("default"))) void f0r_get_plugin_info(f0r_plugin_info_t* info) {
+  info->name = "Tremor Distiller";
+  info->author = "Harbour Lantern Lab";
+  info->plugin_type = F0R_PLUGIN_TYPE_FILTER;
+  info->color_model = F0R_COLOR_MODEL_RGBA8888;
+  info->frei0r_version = FREI0R_MAJOR_VERSION;
+  info->major_version = 1;
+  info->minor_version = 0;
+  info->num_params = static_cast<int>(Frei0rControls().size());
+  info->explanation = "Makes movement visible: the differences of a stack of earlier frames, accumulated under a fade";
+}
+
+__attribute__((visibility("default"))) void f0r_get_param_info(f0r_param_info_t* info, int index) {
+  const auto& controls = Frei0rControls();
+  if (index < 0 || index >= static_cast<int>(controls.size())) return;
+  info->name = controls[index].name.c_str();
+  info->type = controls[index].type;
+  info->explanation = controls[index].explanation.c_str();
+}
+
+__attribute__((visibility("default"))) f0r_instance_t f0r_construct(unsigned int width, unsigned int height) {
+  auto instance = std::make_unique<Instance>();
+  instance->width = width;
+  instance->height = height;
+  try {
+    if (width == 0 || height == 0)
+      throw std::runtime_error("a frame of " + std::to_string(width) + "x" + std::to_string(height) + " has no pixels");
+    instance->Open();
+  } catch (const std::exception& e) {
+    ReportOnce(std::string("cannot use the device: ") + e.what());
+    instance->failed = true;
+  }
+  return instance.release();
+}
+
+__attribute__((visibility("default"))) void f0r_destruct(f0r_instance_t instance) {
+  delete static_cast<Instance*>(instance);
+}
+
+__attribute__((visibility("default"))) void f0r_set_param_value(f0r_instance_t instance, f0r_param_t param, int index) {
+  auto* self = static_cast<Instance*>(instance);
+  const auto& controls = Frei0rControls();
+  if (!self || !param || index < 0 || index >= static_cast<int>(controls.size())) return;
+  // Booleans and doubles alike come as a double.
+  self->values[index] = ControlValue(controls[index], *static_cast<const double*>(param));
+}
+
+__attribute__((visibility("default"))) void f0r_get_param_value(f0r_instance_t instance, f0r_param_t param, int index) {
+  const auto* self = static_cast<const Instance*>(instance);
+  const auto& controls = Frei0rControls();
+  if (!self || !param || index < 0 || index >= static_cast<int>(controls.size())) return;
+  *static_cast<double*>(param) = Frei0rValue(controls[index], self->values[index]);
+}
+
+__attribute__((visibility("default"))) void f0r_update(f0r_instance_t instance, double time, const uint32_t* in,
+                                                       uint32_t* out) {
+  auto* self = static_cast<Instance*>(instance);
+  if (!self->failed) {
+    try {
+      self->Update(time, in, out);
+      return;
+    } catch (const std::exception& e) {
+      ReportOnce(e.what());
+      self->failed = true;
+    }
+  }
+  std::memcpy(out, in, static_cast<size_t>(self->width) * self->height * 4);
+}
+
+}  // extern "C"
