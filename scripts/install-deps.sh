@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake make pkg-config
+  build-essential cmake make pkg-config python3
   libgtest-dev libgmock-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
   libstb-dev
