@@ -4,13 +4,13 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake make pkg-config
+  build-essential cmake make pkg-config python3
   libgtest-dev libgmock-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
-  frei0r-plugins-dev melt python3
+  frei0r-plugins-dev melt
   clang libclang-rt-14-dev
 )
 

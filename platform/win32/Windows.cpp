@@ -208,7 +208,11 @@ HGLOBAL LoadResource(HMODULE, HRSRC hResInfo) {
 LPVOID LockResource(HGLOBAL hResData) { return hResData; }
 
 void RegisterModuleResource(int type, int name, const void* data, std::size_t size) {
-  const void* module = ModuleBaseOf(data);
+  RegisterModuleResource(data, type, name, data, size);
+}
+
+void RegisterModuleResource(const void* inModule, int type, int name, const void* data, std::size_t size) {
+  const void* module = ModuleBaseOf(inModule);
   std::lock_guard<std::mutex> lock(ResourcesMutex());
   for (ModuleResource& entry : Resources()) {
     if (entry.module == module && entry.type == type && entry.name == name) {
@@ -218,6 +222,13 @@ void RegisterModuleResource(int type, int name, const void* data, std::size_t si
     }
   }
   Resources().push_back(ModuleResource{module, type, name, data, size});
+}
+
+void RemoveModuleResource(const void* inModule, int type, int name) {
+  const void* module = ModuleBaseOf(inModule);
+  std::lock_guard<std::mutex> lock(ResourcesMutex());
+  Resources().remove_if(
+      [&](const ModuleResource& e) { return e.module == module && e.type == type && e.name == name; });
 }
 
 #endif

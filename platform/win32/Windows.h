@@ -127,5 +127,10 @@ LPVOID LockResource(HGLOBAL hResData);                  // the resource's first 
 // for the life of the process, as compiled-in arrays do). A second registration
 // of the same module, type and name replaces the first.
 void RegisterModuleResource(int type, int name, const void* data, std::size_t size);
+// The same for the module holding `inModule`, wherever `data` lies; null data
+// is a resource FindResourceA finds but LoadResource gives nothing of.
+void RegisterModuleResource(const void* inModule, int type, int name, const void* data, std::size_t size);
+// Afterwards FindResourceA finds no such resource in the module holding `inModule`.
+void RemoveModuleResource(const void* inModule, int type, int name);
 
 #endif

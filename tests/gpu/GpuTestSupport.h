@@ -7,9 +7,6 @@
 
 #include <Windows.h>
 
-#include <cstdlib>
-#include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>

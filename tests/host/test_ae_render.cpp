@@ -4,16 +4,31 @@
 // errors, frames outside the clip, the upload cache, padded worlds, the call
 // log); the device set-up, the software path's answers and failed renders.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <functional>
 #include <iterator>
 #include <map>
+#include <new>
 
 #include "CpuRender.h"
 #include "Device.h"
 #include "ModuleHostTest.h"
 #include "ClipReference.h"
 #include "KernelTestSupport.h"
+
+// While set, the next nothrow request of a KernelData's size fails: the one
+// way to make pre-render's record fail in the module without touching it.
+static std::atomic<bool> gRefuseKernelData{false};
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  if (size == sizeof(KernelData) && gRefuseKernelData.exchange(false)) return nullptr;
+  try {
+    return ::operator new(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
 
 namespace {
 
@@ -380,7 +395,9 @@ TEST_F(EffectHosted, DeviceSetUpKeepsAHandleOnlyForAnOpenCLDevice) {
 
 // Whichever host operation fails mid-render, the render stops there, checks
 // every frame in and gives the scratch worlds made so far back; the host gets
-// the code, and for a missing suite a text to show. Motion amplification runs
+// the code and the log its line, and for a missing suite a text to show. A
+// null answer (code 0) is for the effect to catch; a frame whose format is
+// left unwritten is not in the 128-bit one. Motion amplification runs
 // pass by pass with four scratch worlds; a plain stack of 20 frames runs in
 // two launches that hand on through two.
 TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
@@ -390,18 +407,32 @@ TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
     const char* op;
     int nth;
     bool fused = false;
-  } failures[] = {{"CreateGPUWorld", 1},       {"CreateGPUWorld", 2},        {"CreateGPUWorld", 3},
-                  {"GetGPUWorldData", 3},      {"checkout_layer_pixels", 4}, {"checkout_output", 1},
-                  {"CreateGPUWorld", 2, true}, {"GetGPUWorldData", 5, true}};
+    PF_Err code = PF_Err_OUT_OF_MEMORY, result = PF_Err_OUT_OF_MEMORY;
+    const char* line = ":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)";
+  } failures[] = {
+      {"CreateGPUWorld", 1},
+      {"CreateGPUWorld", 2},
+      {"CreateGPUWorld", 3},
+      {"GetGPUWorldData", 3},
+      {"checkout_layer_pixels", 4},
+      {"checkout_output", 1},
+      {"CreateGPUWorld", 2, true},
+      {"GetGPUWorldData", 5, true},
+      {"host_new_handle", 1, false, 0, PF_Err_OUT_OF_MEMORY, ":SmartRender] :: Cannot initialize layer frames"},
+      {"checkout_output", 1, false, 0, 512, ":SmartRenderGPU] :: Input or Output data is unavailable"},
+      {"PF_GetPixelFormat", 1, false, 0, 514,
+       ":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_UNRECOGNIZED_PARAM_TYPE (514)"}};
   for (const auto& f : failures) {
-    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth << (f.fused ? " fused" : ""));
+    SCOPED_TRACE(testing::Message() << f.op << " #" << f.nth << (f.fused ? " fused" : "") << " code " << f.code);
     Set(22, f.fused ? 0 : 1);
     Set(5, f.fused ? 20 : 10);
     host.ClearInjections();
     host.ClearCallLog();
-    host.FailOperation(f.op, PF_Err_OUT_OF_MEMORY, f.nth);
+    host.FailOperation(f.op, f.code, f.nth);
+    const size_t lines = LogCount(f.line + std::string("\n"));
     const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);
-    EXPECT_EQ(r.result, PF_Err_OUT_OF_MEMORY);
+    EXPECT_EQ(r.result, f.result);
+    EXPECT_EQ(LogCount(f.line + std::string("\n")), lines + 1) << Log();
     EXPECT_EQ(r.effectWorldsLeft, 0u);
     EXPECT_EQ(r.worldsNotCheckedIn, 0u);
     int calls = 0;
@@ -410,7 +441,9 @@ TEST_F(EffectHosted, AFailedRenderGivesEveryScratchWorldBack) {
     // Counted from when it was set, it does not fire again.
     EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_NONE);
   }
-  EXPECT_EQ(LogCount(":EffectMain] :: PF_Cmd_SMART_RENDER_GPU. Code: PF_Err_OUT_OF_MEMORY (4)\n"), 8u) << Log();
+  gRefuseKernelData = true;  // pre-render's own record
+  EXPECT_EQ(host.Render(host.FrameTime(3), RenderPath::SmartGPU).result, PF_Err_OUT_OF_MEMORY);
+  EXPECT_EQ(LogCount(":PreRender] :: Something wrong with allocation of Kernel Data\n"), 1u);
   host.ClearInjections();
   host.RemoveSuite("PF World Suite");
   const RenderResult r = host.Render(host.FrameTime(3), RenderPath::SmartGPU);

@@ -5,8 +5,11 @@
 #include <stdexcept>
 #include <vector>
 
+#include "GpuTestSupport.h"
 #include "ModuleHostTest.h"
 #include "TremorDistiller.h"
+#include "TremorDistiller_Parameters.h"
+#include "TremorDistiller_Resources.h"
 
 namespace {
 
@@ -102,40 +105,78 @@ TEST_F(EffectFront, GlobalSetupKeepsTheHostsFlagsAndSaysWhichHost) {
   }
 }
 
-TEST_F(EffectFront, AboutPictureIsDecodedToBGRAAndFreedAtSetdown) {
-  AeHost& host = NewHost();
-  ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-  const AboutImage* about = static_cast<const GlobalData*>(*host.GlobalData())->aboutImage;
-  ASSERT_NE(about, nullptr);
-  EXPECT_EQ((std::vector<int>{about->width, about->height, about->channels, about->pixelLayout}),
-            (std::vector<int>{250, 70, 4, 3}));
-  const auto* bytes = static_cast<const unsigned char*>(*about->pixels);
-  auto pixel = [&](int x, int y) { return std::vector<int>(bytes + (y * 250 + x) * 4, bytes + (y * 250 + x) * 4 + 4); };
-  // Colours drawn by scripts/make_about_png.py: background RGB (28, 32, 48)
-  // at the top left, title white (245, 245, 240) from (30, 12). Blue first.
-  EXPECT_EQ(pixel(0, 0), (std::vector<int>{48, 32, 28, 255}));
-  EXPECT_EQ(pixel(30, 12), (std::vector<int>{240, 245, 245, 255}));
-  EXPECT_EQ(host.GlobalSetdown(), PF_Err_NONE);
-  EXPECT_EQ(host.LiveHandleCount(), 0u);  // pixels and global data both gone
-  EXPECT_EQ(LogCount("HLL :: Clean data\n"), 1u);
+// Without the picture (its memory refused) the user is told, set-up goes on
+// and the control keeps its size; either way set-down frees what set-up made.
+TEST_F(EffectFront, AboutPictureIsDecodedToBGRAOrToldMissingAndFreedAtSetdown) {
+  for (const bool refused : {false, true}) {
+    SCOPED_TRACE(refused ? "memory refused" : "decoded");
+    AeHost& host = NewHost();
+    if (refused) host.NullOperation("host_new_handle", 2);  // the picture's pixels
+    ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
+    const auto setup = host.LastCommand(PF_Cmd_GLOBAL_SETUP);
+    EXPECT_EQ(setup->return_msg, refused ? "Cannot Load Image" : "");
+    EXPECT_EQ((setup->out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE) != 0, refused);
+    EXPECT_EQ(LogCount(":GlobalSetup] :: Error loading about image\n"), refused ? 1u : 0u) << Log();
+    const AboutImage* about = static_cast<const GlobalData*>(*host.GlobalData())->aboutImage;
+    ASSERT_EQ(about == nullptr, refused);
+    if (about) {
+      EXPECT_EQ((std::vector<int>{about->width, about->height, about->channels, about->pixelLayout}),
+                (std::vector<int>{250, 70, 4, 3}));
+      const auto* bytes = static_cast<const unsigned char*>(*about->pixels);
+      auto pixel = [&](int x, int y) {
+        return std::vector<int>(bytes + (y * 250 + x) * 4, bytes + (y * 250 + x) * 4 + 4);
+      };
+      // Colours drawn by scripts/make_about_png.py: background RGB (28, 32, 48)
+      // at the top left, title white (245, 245, 240) from (30, 12). Blue first.
+      EXPECT_EQ(pixel(0, 0), (std::vector<int>{48, 32, 28, 255}));
+      EXPECT_EQ(pixel(30, 12), (std::vector<int>{240, 245, 245, 255}));
+    }
+    ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
+    EXPECT_EQ(host.Params()[0].def.ui_width, 250);
+    EXPECT_EQ(host.Params()[0].def.ui_height, 90);
+    EXPECT_EQ(host.GlobalSetdown(), PF_Err_NONE);
+    EXPECT_EQ(host.LiveHandleCount(), 0u);  // pixels and global data both gone
+    EXPECT_EQ(LogCount("HLL :: Clean data\n"), 1u);
+  }
 }
 
-TEST_F(EffectFront, MissingPictureIsToldButDoesNotFailSetup) {
+// The binary's own copies, on what the module never gets: resources swapped
+// under the picture's loader, where each failing step is logged and refused
+// and nothing is left allocated; and a table with a row of a kind that has no
+// registration, which is logged and skipped, the rest going in, for 513.
+TEST_F(EffectFront, PictureStepsAndUnregistrableRowsAreLoggedAndRefused) {
   AeHost& host = NewHost();
-  host.NullOperation("host_new_handle", 2);  // the picture's pixels
-  ASSERT_EQ(host.GlobalSetup(), PF_Err_NONE);
-  const auto setup = host.LastCommand(PF_Cmd_GLOBAL_SETUP);
-  EXPECT_EQ(setup->return_msg, "Cannot Load Image");
-  EXPECT_TRUE(setup->out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
-  EXPECT_EQ(static_cast<const GlobalData*>(*host.GlobalData())->aboutImage, nullptr);
-  EXPECT_EQ(LogCount(":LoadAboutImage] :: Cannot allocate 'about' image memory.\n"), 1u) << Log();
-  EXPECT_EQ(LogCount(":GlobalSetup] :: Error loading about image\n"), 1u);
-  // The about control keeps its size without the picture.
-  ASSERT_EQ(host.ParamsSetup(), PF_Err_NONE);
-  EXPECT_EQ(host.Params()[0].def.ui_width, 250);
-  EXPECT_EQ(host.Params()[0].def.ui_height, 90);
-  EXPECT_EQ(host.GlobalSetdown(), PF_Err_NONE);
+  PF_InData in{};
+  in.pica_basicP = const_cast<SPBasicSuite*>(host.BasicSuite());
+  LogCapture log;
+  auto refused = [&](const std::string& line) {
+    AboutImage about{};
+    EXPECT_EQ(LoadAboutImage(&in, &about), PF_Err_BAD_CALLBACK_PARAM) << line;
+    EXPECT_EQ(log.Count(":LoadAboutImage] :: " + line + "\n"), 1u) << log.All();
+  };
+  const void* self = kAboutImagePng;  // in this binary, as the loader is
+  const int type = kAboutResourceType, name = kAboutResourceName;
+  RemoveModuleResource(self, type, name);
+  refused("Cannot find 'about' resource.");
+  RegisterModuleResource(self, type, name, nullptr, 0);
+  refused("Cannot lock 'about' resource.");
+  RegisterModuleResource(self, type, name, kAboutImagePng, 8);  // the signature alone
+  refused("Cannot load 'about' image.");
+  RegisterModuleResource(self, type, name, kAboutImagePng, kAboutImagePng_size);
+  host.NullOperation("host_new_handle", 1);
+  refused("Cannot allocate 'about' image memory.");
   EXPECT_EQ(host.LiveHandleCount(), 0u);
+
+  static int added;
+  PF_OutData out{};
+  in.inter.register_ui = [](PF_ProgPtr, PF_CustomUIInfo*) -> PF_Err { return PF_Err_NONE; };
+  in.inter.add_param = [](PF_ProgPtr, PF_ParamIndex, PF_ParamDefPtr) -> PF_Err { return ++added, PF_Err_NONE; };
+  const ParamTableRows table = {ParamRecord{0, ParamKind::InputLayer}, ParamRecord{7, ParamKind::IntSlider, "Count"},
+                                ParamRecord{9, ParamKind::Checkbox, "On", std::nullopt, false}};
+  EXPECT_EQ(ParamsSetup(&in, &out, table), PF_Err_INVALID_INDEX);
+  EXPECT_EQ(added, 1);
+  EXPECT_EQ(out.num_params, 3);
+  EXPECT_EQ(log.Count(":ParamsSetup] :: Unimplemented parameter: 6, name: Count, id: 7\n"), 1u) << log.All();
 }
 
 // A refused custom UI is reported at the end; the rows still go in.
@@ -154,6 +195,8 @@ TEST_F(EffectFront, ParamsSetupAddsTheTableInOrderAndTheHostKeepsTheNames) {
       ids.push_back(p.def.uu.id);
       EXPECT_EQ(p.requestedIndex, -1);
     }
+    // Projects store values by Disk ID and the row order is the host's index:
+    // neither may move. Renders find the input layer at row 0.
     ASSERT_EQ(ids, (std::vector<A_long>{1, 5, 6, 12, 19, 20, 22, 21, 24, 23}));
     EXPECT_EQ(params[0].def.ui_flags, PF_PUI_CONTROL | PF_PUI_DONT_ERASE_CONTROL);
     const PF_ParamDef& fade = params[3].def;

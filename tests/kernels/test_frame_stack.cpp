@@ -4,9 +4,11 @@
 
 #include <cmath>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "CpuRender.h"
+#include "GpuTestSupport.h"
 #include "KernelTestSupport.h"
 
 namespace {
@@ -23,7 +25,7 @@ struct RecordingHost {
   std::vector<bool> clearRequests;
   int created = 0, disposed = 0;
   int failCreateAt = -1, failPassAt = -1;
-  bool emptyOutput = false;
+  void* emptyBuffer = nullptr;  // a scratch, frame or output whose device buffer comes back null
   char slots[16];
 
   FrameStackHost Ops() {
@@ -37,7 +39,7 @@ struct RecordingHost {
       return 0;
     };
     h.deviceBuffer = [this](void* frame, void** buffer) -> int32_t {
-      *buffer = (emptyOutput && frame == &slots[15]) ? nullptr : frame;
+      *buffer = frame == emptyBuffer ? nullptr : frame;
       return 0;
     };
     h.disposeScratch = [this](void* s) -> int32_t {
@@ -117,23 +119,29 @@ TEST(FrameStackLoop, OffsetOrMismatchedFramesNeedACanvas) {
 TEST(FrameStackLoop, FailuresStopTheWorkAndScratchIsAlwaysDisposed) {
   struct Row {
     const char* what;
-    int numFrames, listed, failCreateAt, failPassAt, emptyOutput, status, passes, created;
+    int numFrames, listed, failCreateAt, failPassAt, emptyAt, status, passes, created;  // emptyAt: slot, or 16 + frame
+    std::string line;                                                                   // the error line, if any
   };
   const Row rows[] = {
-      {"one frame: nothing to do", 1, 1, -1, -1, 0, 0, 0, 0},
-      {"stack shorter than numFrames", 10, 9, -1, -1, 0, 512, 0, 0},
-      {"third scratch refused", 10, 10, 2, -1, 0, 4, 0, 2},
-      {"fourth pass fails", 10, 10, -1, 3, 0, 512, 4, 4},
-      {"no output buffer", 10, 10, -1, -1, 1, 512, 0, 4},
+      {"one frame: nothing to do", 1, 1, -1, -1, -1, 0, 0, 0, ""},
+      {"stack shorter than numFrames", 10, 9, -1, -1, -1, 512, 0, 0, "Frame stack holds 9 frames, expected 10"},
+      {"third scratch refused", 10, 10, 2, -1, -1, 4, 0, 2, ""},
+      {"fourth pass fails", 10, 10, -1, 3, -1, 512, 4, 4, ""},
+      {"no output buffer", 10, 10, -1, -1, 15, 512, 0, 4, "Destination buffer is not available."},
+      {"no scratch buffer", 10, 10, -1, -1, 0, 512, 0, 1, "Cannot allocate GPU buffers"},
+      {"no buffer for frame 8", 10, 10, -1, -1, 16 + 8, 512, 0, 4, "Frame buffer is not available."},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.what);
+    LogCapture log;
     RecordingHost host;
     host.failCreateAt = r.failCreateAt;
     host.failPassAt = r.failPassAt;
-    host.emptyOutput = r.emptyOutput != 0;
     FakeJob fj(host, r.numFrames, r.listed);
+    host.emptyBuffer = r.emptyAt < 0 ? nullptr : r.emptyAt < 16 ? &host.slots[r.emptyAt] : &fj.frames[r.emptyAt - 16];
     EXPECT_EQ(RenderFrameStack(fj.job, host.Ops()), r.status);
+    EXPECT_EQ(log.Count(":RenderFrameStack] :: " + r.line + "\n"), r.line.empty() ? 0u : 1u);
+    EXPECT_EQ(log.Lines().size(), r.line.empty() ? 0u : 1u) << log.All();
     EXPECT_EQ(static_cast<int>(host.passes.size()), r.passes);
     EXPECT_EQ(host.created, r.created);
     EXPECT_EQ(host.disposed, r.created);
