@@ -40,7 +40,7 @@ sanitize: deps
 # and encodes on threads of its own.
 TSAN_FLAGS = -fsanitize=thread
 tsan: deps
-	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF \
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_C_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
 	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render
