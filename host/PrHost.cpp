@@ -2,7 +2,10 @@
 // array and the renders. The suites it hands the filter are in PrHostSuites.cpp.
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cmath>
+#include <exception>
+#include <thread>
 #include <cstring>
 
 #include "PrHostInternal.h"
@@ -55,6 +58,7 @@ PPix* Impl::NewPPix(PrPixelFormat format, int32_t width, int32_t height, csSDK_u
   pix->parDen = parDen;
   pix->field = field;
   pix->byFilter = byFilter;
+  pix->render = CurrentRender();
   pix->bytes = static_cast<size_t>(pix->rowBytes) * height;
   pix->buffer = device.kind->allocate(device, pix->bytes ? pix->bytes : 1);
   if (byFilter && options.poisonNewFrames) device.kind->fill(device, pix->buffer, 0xFF, pix->bytes);  // NaNs
@@ -251,6 +255,16 @@ void PrHost::AddFrame(int64_t k, Image frame) {
   impl_->frames[k] = std::move(frame);
 }
 
+void PrHost::RemoveFrame(int64_t k) {
+  std::lock_guard<std::mutex> lock(impl_->framesMutex);
+  impl_->frames.erase(k);
+}
+
+void PrHost::RemoveFramesBefore(int64_t k) {
+  std::lock_guard<std::mutex> lock(impl_->framesMutex);
+  impl_->frames.erase(impl_->frames.begin(), impl_->frames.lower_bound(k));
+}
+
 void PrHost::ClearFrames() {
   std::lock_guard<std::mutex> lock(impl_->framesMutex);
   impl_->frames.clear();
@@ -318,8 +332,9 @@ PrRenderResult PrHost::Render(const PrRenderRequest& request) {
   }
   PPix* placed = h.NewPPix(request.format, width, height, 1, 1, prFieldsNone, false);
   PPixHand outFrame = placed;
+  const uint64_t render = h.nextRender++;
   {
-    CurrentScope scope(&h);
+    CurrentScope scope(&h, render);
     out.result = h.filter.Render(instance, &params, array.data(), array.size(), &outFrame);
   }
   h.Record("", "Render", Args("frames=", array.size(), " format=", aehost::FormatName(request.format)), out.result);
@@ -335,7 +350,7 @@ PrRenderResult PrHost::Render(const PrRenderRequest& request) {
   {
     std::lock_guard<std::mutex> lock(h.pixMutex);
     for (auto& [pix, owned] : h.live)
-      if (pix->byFilter && pix != outFrame) made.push_back(pix);
+      if (pix->byFilter && pix->render == render && pix != outFrame) made.push_back(pix);
   }
   out.framesLeft = made.size();
   for (PPix* pix : made) h.Free(pix);
@@ -343,6 +358,29 @@ PrRenderResult PrHost::Render(const PrRenderRequest& request) {
   h.Free(placed);
   if (outFrame) h.Free(outFrame);
   return out;
+}
+
+std::vector<PrRenderResult> PrHost::RenderMany(const std::vector<PrRenderRequest>& requests, int threads) {
+  std::vector<PrRenderResult> results(requests.size());
+  std::atomic<size_t> next{0};
+  std::exception_ptr failure;
+  std::mutex failureMutex;
+  auto work = [&] {
+    for (size_t i = next++; i < requests.size(); i = next++) {
+      try {
+        results[i] = Render(requests[i]);
+      } catch (...) {
+        std::lock_guard<std::mutex> lock(failureMutex);
+        if (!failure) failure = std::current_exception();
+      }
+    }
+  };
+  std::vector<std::thread> pool;
+  const size_t n = std::min(requests.size(), static_cast<size_t>(threads > 1 ? threads : 1));
+  for (size_t t = 0; t < n; ++t) pool.emplace_back(work);
+  for (auto& t : pool) t.join();
+  if (failure) std::rethrow_exception(failure);
+  return results;
 }
 
 size_t PrHost::LiveFrameCount() const {

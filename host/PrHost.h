@@ -75,13 +75,18 @@ class PrHost {
   void SetParam(int32_t diskId, double value);
 
   void AddFrame(int64_t k, Image frame);
+  void RemoveFrame(int64_t k);
+  void RemoveFramesBefore(int64_t k);
   void ClearFrames();
 
   // The query loop alone: the requests' sequence times, until a call leaves
   // the index. Throws HostError when the index runs away.
   std::vector<PrTime> FrameDependencies(const PrGPUFilterRenderParams& params, csSDK_int32 node = 1,
                                         prSuiteError* result = nullptr);
+  // Safe from several threads at once; each render owns what it lends and
+  // what the filter makes during it.
   PrRenderResult Render(const PrRenderRequest& request);
+  std::vector<PrRenderResult> RenderMany(const std::vector<PrRenderRequest>& requests, int threads);
 
   size_t LiveFrameCount() const;  // every frame the host holds for the filter
   std::vector<CallRecord> CallLog() const;

@@ -2,6 +2,7 @@
 #ifndef TREMOR_HOST_PRHOSTINTERNAL_H
 #define TREMOR_HOST_PRHOSTINTERNAL_H
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,6 +22,7 @@ struct PPix {
   csSDK_uint32 parNum = 1, parDen = 1;
   prFieldType field = prFieldsNone;
   bool byFilter = false;  // made by CreateGPUPPix
+  uint64_t render = 0;    // the render that made it; 0 outside renders
   void* buffer = nullptr;
   size_t bytes = 0;
 };
@@ -69,6 +71,7 @@ struct PrHost::Impl {
   mutable std::mutex framesMutex;
   std::map<int64_t, Image> frames;
 
+  std::atomic<uint64_t> nextRender{1};
   mutable std::mutex pixMutex;
   std::map<PPix*, std::unique_ptr<PPix>> live;
 
@@ -96,19 +99,22 @@ struct PrHost::Impl {
 piSuitesPtr PiSuites();
 
 // The host the suites without a frame handle answer for: the one calling into
-// the module on this thread, else the one constructed last.
+// the module on this thread, else the one constructed last; and the render
+// under way on this thread.
 Impl* CurrentHost();
+uint64_t CurrentRender();
 void RegisterHost(Impl* host);
 void UnregisterHost(Impl* host);
 class CurrentScope {
  public:
-  explicit CurrentScope(Impl* host);
+  explicit CurrentScope(Impl* host, uint64_t render = 0);
   ~CurrentScope();
   CurrentScope(const CurrentScope&) = delete;
   CurrentScope& operator=(const CurrentScope&) = delete;
 
  private:
   Impl* saved_;
+  uint64_t savedRender_;
 };
 
 }  // namespace prhost

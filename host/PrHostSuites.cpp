@@ -10,6 +10,7 @@ namespace prhost {
 namespace {
 
 thread_local Impl* tCurrent = nullptr;
+thread_local uint64_t tRender = 0;
 std::mutex gHostsMutex;
 std::vector<Impl*> gHosts;
 
@@ -217,8 +218,15 @@ void UnregisterHost(Impl* host) {
   std::lock_guard<std::mutex> lock(gHostsMutex);
   gHosts.erase(std::remove(gHosts.begin(), gHosts.end(), host), gHosts.end());
 }
-CurrentScope::CurrentScope(Impl* host) : saved_(tCurrent) { tCurrent = host; }
-CurrentScope::~CurrentScope() { tCurrent = saved_; }
+uint64_t CurrentRender() { return tRender; }
+CurrentScope::CurrentScope(Impl* host, uint64_t render) : saved_(tCurrent), savedRender_(tRender) {
+  tCurrent = host;
+  tRender = render;
+}
+CurrentScope::~CurrentScope() {
+  tCurrent = saved_;
+  tRender = savedRender_;
+}
 
 // ---- Call log and injection ----
 
