@@ -375,14 +375,19 @@ int32_t GPUClear(GPUFramework framework, const KernelList* kernels, void* queue,
   ResizeKernelArgs a = canvas;
   a.inSrcPitch = a.inWidth = a.inHeight = a.inOffsetX = a.inOffsetY = 0;  // nothing is read
   if (framework == CUDA) {
-    const CudaPass pass{GetCudaCalls(), nullptr, 0.0f, blockSize, failureCode};
+    CudaPass pass{GetCudaCalls(), nullptr, 0.0f, blockSize, failureCode};
     if (!pass.cuda.launchResize) {
       LOG_ERROR_IN("GPURender", "CUDA Assert: this module was built without CUDA");
       return failureCode;
     }
-    return CudaResize(const_cast<CudaPass*>(&pass), buffer, buffer, a);
+    return CudaResize(&pass, buffer, buffer, a);
   }
-  if (framework != OpenCL || !kernels || !kernels->entries[1].kernel) {
+  if (framework == Metal) return 0;  // as the pass: nothing runs there
+  if (framework != OpenCL) {
+    LOG_ERROR_IN("GPURender", "Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
+    return failureCode;
+  }
+  if (!kernels || !kernels->entries[1].kernel) {
     LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function: ", kernels ? kernels->entries[1].name : "");
     return failureCode;
   }
