@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <exception>
 #include <thread>
@@ -127,6 +128,39 @@ Image Impl::Download(const PPix& pix) {
   return image;
 }
 
+// Clip frames are uploaded once per format and kept while the clip holds them.
+Uploaded::~Uploaded() { host->Free(pix); }
+
+std::shared_ptr<Uploaded> Impl::UploadedFrame(int64_t k, PrPixelFormat format) {
+  std::lock_guard<std::mutex> lock(cacheMutex);  // held across the upload: one upload a frame
+  auto& slot = uploaded[{k, format}];
+  if (slot) return slot;
+  Image image;
+  {
+    std::lock_guard<std::mutex> frameLock(framesMutex);
+    image = frames.at(k);
+  }
+  auto made = std::shared_ptr<Uploaded>(
+      new Uploaded{this, NewPPix(format, image.width, image.height, 1, 1, prFieldsNone, false)});
+  Upload(*made->pix, image);
+  ++uploads;
+  slot = made;
+  return slot;
+}
+
+void Impl::DropUploaded(int64_t first, int64_t last) {
+  std::vector<std::shared_ptr<Uploaded>> gone;  // freed outside the lock
+  std::lock_guard<std::mutex> lock(cacheMutex);
+  for (auto it = uploaded.begin(); it != uploaded.end();) {
+    if (it->first.first >= first && it->first.first <= last) {
+      gone.push_back(std::move(it->second));
+      it = uploaded.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
 // A time before the clip gives its first frame, one after it its last: the
 // host holds the clip's ends.
 int64_t Impl::ClipFrameAt(PrTime time) const {
@@ -174,6 +208,7 @@ PrHost::PrHost(const std::string& modulePath, PrHostOptions options) : impl_(std
 PrHost::~PrHost() {
   Impl& h = *impl_;
   DisposeInstances();
+  h.DropUploaded(INT64_MIN, INT64_MAX);
   if (h.started) {
     csSDK_int32 index = 0;
     PrGPUFilter filter{};
@@ -251,23 +286,35 @@ void PrHost::SetParam(int32_t diskId, double value) {
 }
 
 void PrHost::AddFrame(int64_t k, Image frame) {
-  std::lock_guard<std::mutex> lock(impl_->framesMutex);
-  impl_->frames[k] = std::move(frame);
+  {
+    std::lock_guard<std::mutex> lock(impl_->framesMutex);
+    impl_->frames[k] = std::move(frame);
+  }
+  impl_->DropUploaded(k, k);
 }
 
 void PrHost::RemoveFrame(int64_t k) {
-  std::lock_guard<std::mutex> lock(impl_->framesMutex);
-  impl_->frames.erase(k);
+  {
+    std::lock_guard<std::mutex> lock(impl_->framesMutex);
+    impl_->frames.erase(k);
+  }
+  impl_->DropUploaded(k, k);
 }
 
 void PrHost::RemoveFramesBefore(int64_t k) {
-  std::lock_guard<std::mutex> lock(impl_->framesMutex);
-  impl_->frames.erase(impl_->frames.begin(), impl_->frames.lower_bound(k));
+  {
+    std::lock_guard<std::mutex> lock(impl_->framesMutex);
+    impl_->frames.erase(impl_->frames.begin(), impl_->frames.lower_bound(k));
+  }
+  impl_->DropUploaded(INT64_MIN, k - 1);
 }
 
 void PrHost::ClearFrames() {
-  std::lock_guard<std::mutex> lock(impl_->framesMutex);
-  impl_->frames.clear();
+  {
+    std::lock_guard<std::mutex> lock(impl_->framesMutex);
+    impl_->frames.clear();
+  }
+  impl_->DropUploaded(INT64_MIN, INT64_MAX);
 }
 
 std::vector<PrTime> PrHost::FrameDependencies(const PrGPUFilterRenderParams& params, csSDK_int32 node,
@@ -320,15 +367,10 @@ PrRenderResult PrHost::Render(const PrRenderRequest& request) {
   out.delivered.push_back(request.frame);
   for (PrTime t : out.requested) out.delivered.push_back(h.ClipFrameAt(t));
   std::vector<PPixHand> array;
+  std::vector<std::shared_ptr<Uploaded>> held;  // kept on the device while the render runs
   for (int64_t k : out.delivered) {
-    Image image;
-    {
-      std::lock_guard<std::mutex> lock(h.framesMutex);
-      image = h.frames.at(k);
-    }
-    PPix* pix = h.NewPPix(request.format, image.width, image.height, 1, 1, prFieldsNone, false);
-    h.Upload(*pix, image);
-    array.push_back(pix);
+    held.push_back(h.UploadedFrame(k, request.format));
+    array.push_back(held.back()->pix);
   }
   PPix* placed = h.NewPPix(request.format, width, height, 1, 1, prFieldsNone, false);
   PPixHand outFrame = placed;
@@ -354,7 +396,6 @@ PrRenderResult PrHost::Render(const PrRenderRequest& request) {
   }
   out.framesLeft = made.size();
   for (PPix* pix : made) h.Free(pix);
-  for (PPixHand pix : array) h.Free(pix);
   h.Free(placed);
   if (outFrame) h.Free(outFrame);
   return out;
@@ -384,8 +425,11 @@ std::vector<PrRenderResult> PrHost::RenderMany(const std::vector<PrRenderRequest
 }
 
 size_t PrHost::LiveFrameCount() const {
+  std::lock_guard<std::mutex> cacheLock(impl_->cacheMutex);
   std::lock_guard<std::mutex> lock(impl_->pixMutex);
-  return impl_->live.size();
+  return impl_->live.size() - impl_->uploaded.size();
 }
+
+size_t PrHost::UploadCount() const { return impl_->uploads; }
 
 }  // namespace prhost

@@ -88,7 +88,10 @@ class PrHost {
   PrRenderResult Render(const PrRenderRequest& request);
   std::vector<PrRenderResult> RenderMany(const std::vector<PrRenderRequest>& requests, int threads);
 
-  size_t LiveFrameCount() const;  // every frame the host holds for the filter
+  // Frames alive besides the clip frames kept uploaded; 0 between renders
+  // unless something leaked.
+  size_t LiveFrameCount() const;
+  size_t UploadCount() const;  // clip frames uploaded so far, once per frame and format
   std::vector<CallRecord> CallLog() const;
   void ClearCallLog();
 

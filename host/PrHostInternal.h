@@ -56,6 +56,13 @@ struct Trigger {
   prSuiteError code = 0;
 };
 
+// A clip frame on the device in one format, freed with its last holder.
+struct Uploaded {
+  Impl* host;
+  PPix* pix;
+  ~Uploaded();
+};
+
 struct PrHost::Impl {
   PrHostOptions options;
   aehost::AeHost* effect = nullptr;
@@ -70,6 +77,10 @@ struct PrHost::Impl {
 
   mutable std::mutex framesMutex;
   std::map<int64_t, Image> frames;
+
+  mutable std::mutex cacheMutex;
+  std::map<std::pair<int64_t, PrPixelFormat>, std::shared_ptr<Uploaded>> uploaded;
+  std::atomic<size_t> uploads{0};
 
   std::atomic<uint64_t> nextRender{1};
   mutable std::mutex pixMutex;
@@ -89,6 +100,8 @@ struct PrHost::Impl {
   void Upload(PPix& pix, const Image& image);
   Image Download(const PPix& pix);
   int64_t ClipFrameAt(PrTime time) const;
+  std::shared_ptr<Uploaded> UploadedFrame(int64_t k, PrPixelFormat format);
+  void DropUploaded(int64_t first, int64_t last);  // clip frames first..last
 
   void Record(const char* suite, const char* op, const std::string& args, prSuiteError result);
   Trigger Check(const char* op);

@@ -303,6 +303,21 @@ TEST_P(PrRenderDevices, HalfRendersAndCentredFramesMatchTheReference) {
 
 INSTANTIATE_TEST_SUITE_P(Devices, PrRenderDevices, ::testing::Values("opencl", "cuda"));
 
+// The host keeps clip frames uploaded, once per format: the next frame's
+// stack uploads only its new frame.
+TEST_F(PrRender, RendersUploadOnlyNewFrames) {
+  for (const auto& [frame, format, uploads] : {std::tuple{11, PrPixelFormat_GPU_BGRA_4444_32f, 10u},
+                                               {10, PrPixelFormat_GPU_BGRA_4444_32f, 11u},
+                                               {11, PrPixelFormat_GPU_BGRA_4444_16f, 21u}}) {
+    ASSERT_EQ(pr_->Render({frame, format}).result, 0);
+    EXPECT_EQ(pr_->UploadCount(), uploads);
+  }
+  pr_->RemoveFramesBefore(11);
+  EXPECT_EQ(pr_->Render({11}).delivered, std::vector<int64_t>(10, 11));  // the clip now starts at 11
+  EXPECT_EQ(pr_->UploadCount(), 21u);
+  EXPECT_EQ(pr_->LiveFrameCount(), 0u);
+}
+
 TEST_F(PrRender, FailedRendersReportAndLeaveNoFrames) {
   pr_->SetParam(PARAM_MOTION_AMPLIFICATION, 1);  // pass by pass: four scratch frames
   // The output is the filter's first frame, the scratch frames come after it.
