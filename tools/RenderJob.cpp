@@ -366,6 +366,7 @@ std::string SetUpEffect(ClipHost& clip, aehost::AeHost& host, const Options& o) 
     // the controls there.
     prhost::PrHostOptions options;
     options.device = ResolveDevice(o.device).device;
+    options.poisonNewFrames = false;  // a test aid; a real host leaves new frames as they come
     try {
       clip.premiere = std::make_unique<prhost::PrHost>(FindModule(), options);
     } catch (const aehost::HostError& e) {
