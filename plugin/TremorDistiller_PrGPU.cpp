@@ -151,7 +151,11 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
     status = mGPUDeviceSuite->CreateGPUPPix(device, format, width, height, parNum, parDen, field, outFrame);
   csSDK_int32 rowBytes = 0;
   if (status == 0) status = mPPixSuite->GetRowBytes(*outFrame, &rowBytes);
-  if (status != 0) return status;
+  // The scratch frames would take these properties: without them there is nothing to make them with.
+  if (status != 0) {
+    LOG_ERROR("Cannot allocate GPU buffers");
+    return kPrGPUFailureCode;
+  }
 
   FrameStackJob job;
   job.output = {*outFrame, width, height, rowBytes, 0, 0};

@@ -339,9 +339,14 @@ TEST_F(PrRender, FailedRendersReportAndLeaveNoFrames) {
   EXPECT_EQ(Filter().Render(Instance(), &params, nullptr, 0, nullptr), kFail);
   EXPECT_EQ(LogCount("GPUTremorDistiller::Render] :: Destination buffer is not available."), 1u);
 
-  // A host query that fails ends the render with its status.
+  // A frame's query that fails ends the render with its status; one that
+  // the scratch frames' properties needed, as a failure to make them.
   pr_->FailOperation("GetBounds", 7, 3);
   EXPECT_EQ(pr_->Render({11}).result, 7);
+  pr_->ClearInjections();
+  pr_->FailOperation("GetFieldOrder", 7);
+  EXPECT_EQ(pr_->Render({11}).result, kFail);
+  EXPECT_EQ(LogCount("Cannot allocate GPU buffers"), 4u);
   pr_->ClearInjections();
   EXPECT_EQ(pr_->LiveFrameCount(), 0u);
 
