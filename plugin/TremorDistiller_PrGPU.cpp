@@ -194,7 +194,7 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
     void* buffer = nullptr;
     prSuiteError cleared = 0;
     if (mustClear) cleared = mGPUDeviceSuite->GetGPUPPixData(made, &buffer);
-    if (mustClear && cleared == 0)
+    if (mustClear && cleared == 0 && buffer)  // an empty buffer is the loop's to report
       cleared = GPUClear(framework, &kernels, mDeviceInfo.outCommandQueueHandle, buffer, canvas, 16, kPrGPUFailureCode);
     return cleared;
   };
