@@ -369,3 +369,31 @@ int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* 
   LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
   return failureCode;
 }
+
+int32_t GPUClear(GPUFramework framework, const KernelList* kernels, void* queue, void* buffer,
+                 const ResizeKernelArgs& canvas, unsigned int blockSize, int32_t failureCode) {
+  ResizeKernelArgs a = canvas;
+  a.inSrcPitch = a.inWidth = a.inHeight = a.inOffsetX = a.inOffsetY = 0;  // nothing is read
+  if (framework == CUDA) {
+    CudaPass pass{GetCudaCalls(), nullptr, 0.0f, blockSize, failureCode};
+    if (!pass.cuda.launchResize) {
+      LOG_ERROR_IN("GPURender", "CUDA Assert: this module was built without CUDA");
+      return failureCode;
+    }
+    return CudaResize(&pass, buffer, buffer, a);
+  }
+  if (framework == Metal) return 0;  // as the pass: nothing runs there
+  if (framework != OpenCL) {
+    LOG_ERROR_IN("GPURender", "Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
+    return failureCode;
+  }
+  if (!kernels || !kernels->entries[1].kernel) {
+    LOG_ERROR_IN("GPURender", "Unknown OpenCL Kernel Function: ", kernels ? kernels->entries[1].name : "");
+    return failureCode;
+  }
+  const MainKernelArgs range{0, 0, 0, 0, a.outWidth, a.outHeight};
+  OpenCLPass pass = PassOpenCL(GetOpenCLCalls(), static_cast<cl_command_queue>(queue), *kernels, nullptr, range,
+                               blockSize, blockSize, failureCode);
+  std::lock_guard<std::mutex> lock(KernelListLaunchLock(kernels));
+  return OpenCLResize(&pass, buffer, buffer, a);
+}

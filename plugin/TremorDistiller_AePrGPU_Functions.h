@@ -37,4 +37,10 @@ int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* 
                        const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
                        const StackChunk& chunk, unsigned int blockSize, int32_t failureCode);
 
+// A buffer of the canvas's size and form (`canvas`: outWidth, outHeight,
+// inDstPitch, in16f) made transparent black on the device, for a host whose
+// new buffers come uncleared: ResizeKernel with an empty source.
+int32_t GPUClear(GPUFramework framework, const KernelList* kernels, void* queue, void* buffer,
+                 const ResizeKernelArgs& canvas, unsigned int blockSize, int32_t failureCode);
+
 #endif

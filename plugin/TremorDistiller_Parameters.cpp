@@ -34,7 +34,7 @@ struct PopupChoice {
 };
 
 // Renders cast the 1-based choice number straight to the kernel enum
-// (PopupFromAE), so choice i must be the enum value i.
+// (PopupFromAE, PopupFromPremiere), so choice i must be the enum value i.
 template <size_t N>
 constexpr bool ChoicesMatchTheirEnums(const PopupChoice (&choices)[N]) {
   for (size_t i = 0; i < N; ++i)

@@ -80,9 +80,15 @@ PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data, const ParamTableRow
 A_short CountPopupChoices(const std::string& choices);
 
 // ---- Host values to KernelData working values ----
-// After Effects delivers popups counting from 1, as the kernel enums do.
+// After Effects delivers popups counting from 1, as the kernel enums do;
+// Premiere Pro counts from 0.
 
 inline A_long PopupFromAE(A_long hostValue) { return hostValue; }
+inline A_long PopupFromPremiere(A_long hostValue) { return hostValue + 1; }
+
+// "Frames" on both hosts and "Frames offset" on Premiere: whole frames, cut
+// toward zero.
+inline int64_t WholeFrames(double sliderValue) { return static_cast<int64_t>(sliderValue); }
 
 // "Frames Fade" 0..100 to the fade exponent 0..5; the division is in double
 // so 80 gives exactly 4.0f.

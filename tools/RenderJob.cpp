@@ -25,6 +25,7 @@
 #include "FramePipeline.h"
 #include "MediaIO.h"
 #include "OutputStaging.h"
+#include "PrHost.h"
 #include "RenderDevice.h"
 #include "RenderProgress.h"
 #include "Windows.h"  // the platform layer's temporary folder, as the module sees it
@@ -113,6 +114,47 @@ struct Feed {
   std::set<int64_t> inHost;
 };
 
+// A finished output frame, whichever host rendered it.
+struct Rendered {
+  int32_t result = 0;
+  bool hasOutput = false;
+  aehost::Image output;
+};
+
+// Where input frames go and output frames come from: the After Effects host
+// by times, or the Premiere host's GPU filter by frame numbers. The effect's
+// controls live in `params` either way.
+struct ClipHost {
+  aehost::AeHost* params = nullptr;
+  aehost::AeHost* ae = nullptr;  // null on Premiere
+  std::unique_ptr<prhost::PrHost> premiere;
+  PrPixelFormat format = PrPixelFormat_GPU_BGRA_4444_32f;
+
+  // Frame numbers the host's time line can hold.
+  int64_t MaxFrame() const {
+    if (premiere) return INT64_MAX / premiere->Options().ticksPerFrame - 1;
+    return INT_MAX / std::max<A_long>(1, ae->Options().timeStep) - 1;
+  }
+  void Add(int64_t k, aehost::Image image) {
+    if (premiere)
+      premiere->AddFrame(k, std::move(image));
+    else
+      ae->AddFrame(ae->FrameTime(static_cast<int>(k)), std::move(image));
+  }
+  void Remove(int64_t k) {
+    if (premiere)
+      premiere->RemoveFrame(k);
+    else
+      ae->RemoveFrame(ae->FrameTime(static_cast<int>(k)));
+  }
+  void RemoveBefore(int64_t k) {
+    if (premiere)
+      premiere->RemoveFramesBefore(k);
+    else
+      ae->RemoveFramesBefore(ae->FrameTime(static_cast<int>(k)));
+  }
+};
+
 // Input frame `index` as the host takes it; its time kept for its output frame.
 aehost::Image HostImage(Feed& feed, int64_t index, media::Picture& picture) {
   if (feed.width <= 0) feed.width = picture.width, feed.height = picture.height;
@@ -131,9 +173,8 @@ aehost::Image HostImage(Feed& feed, int64_t index, media::Picture& picture) {
 // Hands input frames up to `until` to the host. The source skips the frames
 // before the first output's window, which it only decodes (a chunk late in a
 // clip passes many of them).
-void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t until) {
-  // Host times are 32-bit: frame k sits at k * timeStep.
-  const int64_t maxFrame = INT_MAX / std::max<A_long>(1, host.Options().timeStep) - 1;
+void FeedFrames(ClipHost& host, Feed& feed, int64_t until) {
+  const int64_t maxFrame = host.MaxFrame();
   while (!feed.eof && feed.read <= until) {
     CheckInterrupt();
     InputFrame frame = feed.source.Next();
@@ -148,14 +189,26 @@ void FeedFrames(aehost::AeHost& host, Feed& feed, int64_t until) {
     if (feed.reader)
       feed.decoded[feed.read] = std::move(frame.decoded);
     else
-      host.AddFrame(host.FrameTime(static_cast<int>(feed.read)), HostImage(feed, feed.read, frame.picture));
+      host.Add(feed.read, HostImage(feed, feed.read, frame.picture));
     ++feed.read;
   }
 }
 
 // The input frames output frame k's stack checks out: the times worked out
-// as the effect does (in float), each mapped to the frame that covers it.
-void AddStackFrames(int64_t k, int frames, double offset, A_long step, std::set<int64_t>& out) {
+// as the effect does (in float), each mapped to the frame that covers it. On
+// Premiere whole steps, and the host holds the clip's first and last frames
+// for times outside it.
+void AddStackFrames(const ClipHost& host, int64_t k, int frames, double offset, const Feed& feed,
+                    std::set<int64_t>& out) {
+  if (host.premiere) {
+    for (int i = 0; i < frames; ++i) {
+      int64_t index = std::max<int64_t>(0, k - i * static_cast<int64_t>(offset));
+      if (feed.eof) index = std::min(index, feed.read - 1);
+      out.insert(index);
+    }
+    return;
+  }
+  const A_long step = host.ae->Options().timeStep;
   const float off = static_cast<float>(offset);
   for (int i = 0; i < frames; ++i) {
     const float back = static_cast<float>(step * i) * off;
@@ -168,10 +221,10 @@ void AddStackFrames(int64_t k, int frames, double offset, A_long step, std::set<
 // Gives the host the frames outputs first..last check out, converted from
 // their decoded form. Of the others it holds it keeps what `capacity` frames
 // allow, the newest: the oldest leave the stacks' reach first.
-void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t last, int frames, double offset,
+void HandStackFrames(ClipHost& host, Feed& feed, int64_t first, int64_t last, int frames, double offset,
                      uint64_t capacity) {
   std::set<int64_t> needed;
-  for (int64_t k = first; k <= last; ++k) AddStackFrames(k, frames, offset, host.Options().timeStep, needed);
+  for (int64_t k = first; k <= last; ++k) AddStackFrames(host, k, frames, offset, feed, needed);
   uint64_t held = feed.inHost.size();
   for (const int64_t index : needed) held += feed.inHost.count(index) ? 0 : 1;
   for (auto it = feed.inHost.begin(); it != feed.inHost.end() && held > capacity;) {
@@ -179,7 +232,7 @@ void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t la
       ++it;
       continue;
     }
-    host.RemoveFrame(host.FrameTime(static_cast<int>(*it)));
+    host.Remove(*it);
     it = feed.inHost.erase(it);
     --held;
   }
@@ -189,7 +242,7 @@ void HandStackFrames(aehost::AeHost& host, Feed& feed, int64_t first, int64_t la
     CheckInterrupt();
     media::Picture picture;
     feed.reader->Convert(d->second, picture);
-    host.AddFrame(host.FrameTime(static_cast<int>(index)), HostImage(feed, index, picture));
+    host.Add(index, HostImage(feed, index, picture));
     feed.inHost.insert(index);
   }
 }
@@ -216,27 +269,62 @@ std::string Size(uint64_t bytes) {
 // A frame the effect asked for that lies inside the clip must have been in the
 // host; otherwise the window is too small and the output would silently
 // differ from a whole render.
+[[noreturn]] void NotLoaded(int64_t index, int64_t k) {
+  throw Failure("internal error: input frame " + std::to_string(index) + " was not loaded for output frame " +
+                std::to_string(k));
+}
+
 void CheckWindow(aehost::AeHost& host, const aehost::RenderResult& r, int64_t k, const Feed& feed) {
   const auto& opts = host.Options();
   for (const auto& c : r.checkouts) {
     if (c.hasFrame || c.timeScale == 0) continue;
     const double t = static_cast<double>(c.whatTime) * opts.timeScale / c.timeScale;
     const auto index = static_cast<int64_t>(std::floor(t / opts.timeStep));
-    if (index >= 0 && (index < feed.read || !feed.eof))
-      throw Failure("internal error: input frame " + std::to_string(index) + " was not loaded for output frame " +
-                    std::to_string(k));
+    if (index >= 0 && (index < feed.read || !feed.eof)) NotLoaded(index, k);
   }
 }
 
-// Renders output frames first..last, `jobs` at once, and queues them for writing.
-void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, Feed& feed, FrameSink& sink) {
+// The Premiere host gives the nearest frame it holds: each must be the one
+// the request named, or the clip's end that the request lies beyond.
+void CheckWindow(prhost::PrHost& host, const prhost::PrRenderResult& r, int64_t k, const Feed& feed) {
+  const PrTime p = host.Options().ticksPerFrame;
+  for (size_t q = 0; q < r.requested.size() && q + 1 < r.delivered.size(); ++q) {
+    const PrTime t = r.requested[q];
+    int64_t index = std::max<int64_t>(0, t >= 0 ? t / p : -((-t + p - 1) / p));
+    if (feed.eof) index = std::min(index, feed.read - 1);
+    if (r.delivered[q + 1] != index) NotLoaded(index, k);
+  }
+}
+
+std::vector<Rendered> RenderBatch(ClipHost& host, int64_t first, int64_t last, int jobs, const Feed& feed) {
+  std::vector<Rendered> out;
+  if (host.premiere) {
+    std::vector<prhost::PrRenderRequest> requests;
+    for (int64_t k = first; k <= last; ++k) requests.push_back({k, host.format, 0, 0, 1});
+    auto results = host.premiere->RenderMany(requests, jobs);
+    for (size_t j = 0; j < results.size(); ++j) {
+      if (results[j].result == 0) CheckWindow(*host.premiere, results[j], first + static_cast<int64_t>(j), feed);
+      out.push_back({results[j].result, results[j].hasOutput, std::move(results[j].output)});
+    }
+    return out;
+  }
   std::vector<A_long> times;
-  for (int64_t k = first; k <= last; ++k) times.push_back(host.FrameTime(static_cast<int>(k)));
+  for (int64_t k = first; k <= last; ++k) times.push_back(host.ae->FrameTime(static_cast<int>(k)));
   std::vector<aehost::RenderResult> results;
   if (times.size() > 1)
-    results = host.RenderMany(times, jobs);
+    results = host.ae->RenderMany(times, jobs);
   else
-    results.push_back(host.Render(times[0]));
+    results.push_back(host.ae->Render(times[0]));
+  for (size_t j = 0; j < results.size(); ++j) {
+    if (results[j].result == 0) CheckWindow(*host.ae, results[j], first + static_cast<int64_t>(j), feed);
+    out.push_back({results[j].result, results[j].hasOutput, std::move(results[j].output)});
+  }
+  return out;
+}
+
+// Renders output frames first..last, `jobs` at once, and queues them for writing.
+void RenderFrames(ClipHost& host, int64_t first, int64_t last, int jobs, Feed& feed, FrameSink& sink) {
+  std::vector<Rendered> results = RenderBatch(host, first, last, jobs, feed);
   for (size_t j = 0; j < results.size(); ++j) {
     const int64_t k = first + static_cast<int64_t>(j);
     auto& r = results[j];
@@ -245,7 +333,6 @@ void RenderFrames(aehost::AeHost& host, int64_t first, int64_t last, int jobs, F
                     "; see the effect's log at " + LogPath());
     if (!r.hasOutput || r.output.rgba.empty())
       throw Failure("render of frame " + std::to_string(k) + " gave no picture; see the effect's log at " + LogPath());
-    CheckWindow(host, r, k, feed);
     media::Picture out;
     out.width = r.output.width;
     out.height = r.output.height;
@@ -273,7 +360,24 @@ std::string PastTheEnd(int64_t start, int64_t lastFrame) {
 
 // Hands the device to the module and sets the user's controls; returns what
 // the summary calls the device.
-std::string SetUpEffect(aehost::AeHost& host, const Options& o) {
+std::string SetUpEffect(ClipHost& clip, aehost::AeHost& host, const Options& o) {
+  if (o.host == "premiere") {
+    // The Premiere host runs the module's EffectMain side itself, and keeps
+    // the controls there.
+    prhost::PrHostOptions options;
+    options.device = ResolveDevice(o.device).device;
+    options.poisonNewFrames = false;  // a test aid; a real host leaves new frames as they come
+    try {
+      clip.premiere = std::make_unique<prhost::PrHost>(FindModule(), options);
+    } catch (const aehost::HostError& e) {
+      throw Failure(std::string(e.what()) + "; see the effect's log at " + LogPath());
+    }
+    clip.params = &clip.premiere->Effect();
+    clip.format = o.precision == "half" ? PrPixelFormat_GPU_BGRA_4444_16f : PrPixelFormat_GPU_BGRA_4444_32f;
+    for (const auto& [id, value] : o.effect) clip.premiere->SetParam(id, value);
+    return clip.premiere->DeviceName() + ", Premiere GPU filter in " + o.precision;
+  }
+  clip.params = clip.ae = &host;
   // The module's global set-up ran before any device library was loaded, as
   // in the host tests; the other order crashed the module's logging on a GPU machine.
   if (const PF_Err err = host.SetupDevice(ResolveDevice(o.device))) throw SetUpFailure(err);
@@ -338,15 +442,23 @@ int Run(aehost::AeHost& host, const Options& o) {
   media::Reader reader(o.input);
   const media::InputInfo info = reader.Info();
   if (info.frameCount >= 0 && o.start >= info.frameCount) throw Failure(PastTheEnd(o.start, info.frameCount - 1));
-  const std::string deviceName = SetUpEffect(host, o);
+  ClipHost clip;
+  const std::string deviceName = SetUpEffect(clip, host, o);
 
   // Last output frame wanted; INT64_MAX runs to the end of the clip.
   int64_t last = o.end >= 0 ? o.end : INT64_MAX;
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
   const int64_t total = last == INT64_MAX ? -1 : last - o.start + 1;
   // "Frames" counts whole frames, as the effect reads it.
-  const int frames = static_cast<int>(SliderValue(host, PARAM_FRAMES));
-  const double offset = SliderValue(host, PARAM_FRAMES_OFFSET);
+  const int frames = static_cast<int>(SliderValue(*clip.params, PARAM_FRAMES));
+  double offset = SliderValue(*clip.params, PARAM_FRAMES_OFFSET);
+  if (clip.premiere && offset != std::trunc(offset)) {
+    // As Premiere does: its filter asks for frames in whole steps.
+    if (!o.quiet)
+      std::fprintf(stderr, "tremor-render: the premiere host steps whole frames; --frames-offset %g counts as %g\n",
+                   offset, std::trunc(offset));
+    offset = std::trunc(offset);
+  }
   const Window window = NeededFrames(frames, offset);
   // A frame the host holds costs its float pixels and their device copy.
   const uint64_t frameBytes = uint64_t{16} * static_cast<uint64_t>(info.width) * static_cast<uint64_t>(info.height) * 2;
@@ -383,14 +495,14 @@ int Run(aehost::AeHost& host, const Options& o) {
     try {
       while (next <= last) {
         const int64_t batchLast = std::min(last, next + jobs - 1);
-        FeedFrames(host, feed, batchLast + window.ahead);
+        FeedFrames(clip, feed, batchLast + window.ahead);
         if (feed.read <= next) break;  // the clip ended first
         const int64_t upTo = std::min(batchLast, feed.read - 1);
-        if (feed.reader) HandStackFrames(host, feed, next, upTo, frames, offset, budget / frameBytes);
-        RenderFrames(host, next, upTo, jobs, feed, sink);
+        if (feed.reader) HandStackFrames(clip, feed, next, upTo, frames, offset, budget / frameBytes);
+        RenderFrames(clip, next, upTo, jobs, feed, sink);
         next = upTo + 1;
         const int64_t keep = std::max<int64_t>(0, next - window.back);
-        host.RemoveFramesBefore(host.FrameTime(static_cast<int>(keep)));
+        clip.RemoveBefore(keep);
         feed.decoded.erase(feed.decoded.begin(), feed.decoded.lower_bound(keep));
         feed.inHost.erase(feed.inHost.begin(), feed.inHost.lower_bound(keep));
         progress.Update(next - o.start);

@@ -32,6 +32,9 @@ struct Options {
   bool listDevices = false, version = false, quiet = false;
   int64_t start = 0, end = -1;
   int jobs = 1;
+  // "aftereffects" or "premiere": which stand-in host's path renders; on
+  // Premiere in "float" (128-bit) or "half" frames.
+  std::string host = "aftereffects", precision = "float";
   uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
 };
 

@@ -114,6 +114,14 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::Range(1, 64))
       ->capture_default_str()
       ->group("Run");
+  app.add_option("--host", o.host, "Host path: aftereffects, or premiere (its GPU filter; whole-frame offsets)")
+      ->check(CLI::IsMember({"aftereffects", "premiere"}))
+      ->capture_default_str()
+      ->group("Run");
+  app.add_option("--precision", o.precision, "Frames on the premiere host: float (128-bit) or half")
+      ->check(CLI::IsMember({"float", "half"}))
+      ->capture_default_str()
+      ->group("Run");
   app.add_option("--memory", o.memory, "Memory for input frames, e.g. 4G (default: 3/4 of what is available)")
       ->transform(CLI::AsSizeValue(false))
       ->group("Run");

@@ -76,6 +76,8 @@ int main(int argc, char** argv) {
   }
   if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
   if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
+  // After Effects hands the effect 128-bit frames only.
+  if (o.precision != "float" && o.host != "premiere") return Fail("--precision half needs --host premiere", 2);
   try {
     render::CheckDeviceSyntax(o.device);
   } catch (const std::exception& e) {

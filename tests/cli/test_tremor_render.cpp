@@ -140,6 +140,10 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --frames-offset -100.5", 2, "--frames-offset: value -100.5 is outside -100..100"},
       {in + "out.%04d.exr --frames-fade x", 2, "--frames-fade: value x is not a number"},
       {in + "out.%04d.exr --blending-mode multiply", 2, "--blending-mode: multiply not in {add,screen}"},
+      {in + "out.%04d.exr --host premiere --precision half --frames-offset 1.5", 0,
+       "premiere host steps whole frames; --frames-offset 1.5 counts as 1", 12},
+      {in + "out.%04d.exr --host other", 2, "--host: other not in {aftereffects,premiere}"},
+      {in + "out.%04d.exr --precision half", 2, "--precision half needs --host premiere"},
       {in + "out.%04d.exr --jobs 0", 2, "--jobs"},
       {in + "out.%04d.exr --start -1", 2, "--start: Value -1 not in range 0 to 2147483647 (see --help)"},
       {in + "out.%04d.exr '' --no-such-option", 2, "--no-such-option"},  // once an endless loop in CLI11
@@ -297,7 +301,9 @@ TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
                {"--frames 4", "--jobs 3", 0, 11},
                // Frames in reach past the budget: only each stack's own are held.
                {"--frames 5 --frames-offset 2", "--memory 400K --jobs 2", 0, 11},
-               {"--frames 4 --frames-offset -1.5", "--memory 300K --start 2 --end 9", 2, 9}};
+               {"--frames 4 --frames-offset -1.5", "--memory 300K --start 2 --end 9", 2, 9},
+               {"--host premiere --frames 5 --frames-offset 2", "--memory 400K --jobs 2", 0, 11},
+               {"--host premiere --precision half --frames 4 --frames-offset -1", "--start 2 --end 9 --jobs 3", 2, 9}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.effect + " " + c.variant);
     const auto whole = Render(c.effect);
@@ -335,19 +341,22 @@ TEST_F(TremorRender, ExrOutputEqualsTheReference) {
   media::Writer writer(in.string(), media::OutputFormatFor(in.string()), media::InputInfo{}, "");
   for (int k = 0; k < kFrames; ++k) writer.Write(ClipFrame(k), k);
   writer.Finish();
-  Render("--device opencl --output Luma --normalize", Quote(in));
-
-  media::Reader out((Root() / "render" / "out.%04d.exr").string());
-  media::Picture p;
-  int k = 0;
-  for (; out.Next(p); ++k) {
-    SCOPED_TRACE(k);
-    const std::vector<float> ref = Reference(k);
-    ASSERT_EQ(p.rgba.size(), ref.size());
-    for (size_t i = 0; i < ref.size(); ++i)
-      ASSERT_LE(std::fabs(p.rgba[i] - ref[i]), kTolerance * std::max(1.0f, std::fabs(ref[i]))) << "value " << i;
+  // Premiere's host holds the clip's first frame before it, as the reference does.
+  for (const std::string host : {"", " --host premiere"}) {
+    SCOPED_TRACE(host);
+    Render("--device opencl --output Luma --normalize" + host, Quote(in));
+    media::Reader out((Root() / "render" / "out.%04d.exr").string());
+    media::Picture p;
+    int k = 0;
+    for (; out.Next(p); ++k) {
+      SCOPED_TRACE(k);
+      const std::vector<float> ref = Reference(k);
+      ASSERT_EQ(p.rgba.size(), ref.size());
+      for (size_t i = 0; i < ref.size(); ++i)
+        ASSERT_LE(std::fabs(p.rgba[i] - ref[i]), kTolerance * std::max(1.0f, std::fabs(ref[i]))) << "value " << i;
+    }
+    EXPECT_EQ(k, kFrames);
   }
-  EXPECT_EQ(k, kFrames);
 }
 
 }  // namespace
