@@ -206,6 +206,17 @@ TEST_F(PrRender, FrameDependenciesFollowFramesAndWholeOffsets) {
     EXPECT_EQ(d.outSequenceTime, 99);
   }
   EXPECT_EQ(LogCount("Frame numbers are wrong!"), 0u);
+  // Past 2^53 ticks a double no longer holds the time, and the two ways of
+  // counting the frame part: the line is written and the request stands.
+  const PrTime far = (PrTime(1) << 53) + 1;
+  PrGPUFilterRenderParams farParams{far, far, kClipW, kClipH, 1};
+  pr_->SetParam(PARAM_FRAMES, 2);
+  pr_->SetParam(PARAM_FRAMES_OFFSET, 1);
+  csSDK_int32 index = 0;
+  PrGPUFilterFrameDependency d{};
+  EXPECT_EQ(filter.GetFrameDependencies(Instance(), &farParams, &index, &d), 0);
+  EXPECT_EQ(d.outSequenceTime, far - 1);
+  EXPECT_EQ(LogCount("Frame numbers are wrong!"), 1u);
 }
 
 class PrRenderDevices : public PrRender, public ::testing::WithParamInterface<std::string> {
