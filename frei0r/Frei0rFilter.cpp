@@ -31,13 +31,13 @@ constexpr size_t kPixelBytes = 16;  // B, G, R, A floats on the device
 
 // One line per kind of trouble for the whole process: hosts make many
 // instances, and one broken device would otherwise fill the terminal.
-void ReportOnce(const std::string& line) {
+void ReportOnce(const std::string& line, bool passThrough = true) {
   static std::mutex mutex;
   static std::vector<std::string> said;
   std::lock_guard<std::mutex> lock(mutex);
   if (std::find(said.begin(), said.end(), line) != said.end()) return;
   said.push_back(line);
-  std::fprintf(stderr, "tremor_distiller: %s; frames pass through unchanged\n", line.c_str());
+  std::fprintf(stderr, "tremor_distiller: %s%s\n", line.c_str(), passThrough ? "; frames pass through unchanged" : "");
 }
 
 struct Instance {
@@ -49,6 +49,7 @@ struct Instance {
   std::map<int64_t, DeviceBuffer> history;  // by frame number
   DeviceBuffer output;
   std::vector<float> staging;  // one frame of device pixels on the host
+  size_t capacity = 0;         // frames the history may hold
   bool failed = false;
 
   size_t FrameBytes() const { return static_cast<size_t>(width) * height * kPixelBytes; }
@@ -61,6 +62,8 @@ struct Instance {
       throw std::runtime_error("the effect's kernels did not build on " + device->name + " (status " +
                                std::to_string(kernels->status) + ")");
     output = AllocateDeviceBuffer(*device, FrameBytes());
+    // Half of what the system can give now: hosts run several instances.
+    capacity = std::max<size_t>(2, AvailableHostMemory() / 2 / FrameBytes());
     staging.resize(static_cast<size_t>(width) * height * 4);
   }
 
@@ -103,6 +106,15 @@ struct Instance {
     // Frames no stack from here on can reach leave first.
     const int64_t reach = StackReach(kd.numFrames, offset);
     history.erase(history.begin(), history.lower_bound(now - reach + 1));
+    if (static_cast<uint64_t>(reach) > capacity) {
+      // Past the memory, the oldest frames go: a stack frame they would have
+      // been takes its newer neighbour's picture, as at a clip's start.
+      ReportOnce("a stack reaching " + std::to_string(reach) + " frames of " + std::to_string(width) + "x" +
+                     std::to_string(height) + " does not fit in memory; the oldest " +
+                     std::to_string(reach - capacity) + " take their newer neighbours' pictures",
+                 false);
+      while (history.size() >= capacity) history.erase(history.begin());
+    }
     auto& current = history[now];
     if (!current) current = AllocateDeviceBuffer(*device, FrameBytes());
     Upload(in, current.get());

@@ -1,6 +1,9 @@
 // The one place that knows which device kinds this build has.
 #include "Device.h"
 
+#include <unistd.h>
+
+#include <fstream>
 #include <sstream>
 
 extern const DeviceKind kOpenCLDeviceKind;
@@ -93,4 +96,13 @@ void CloseDevice(Device& device) {
 
 DeviceBuffer AllocateDeviceBuffer(const Device& device, size_t bytes) {
   return DeviceBuffer(device.kind->allocate(device, bytes), DeviceBufferDeleter{&device});
+}
+
+uint64_t AvailableHostMemory() {
+  std::ifstream in("/proc/meminfo");
+  std::string key, unit;
+  uint64_t kb = 0;
+  while (in >> key >> kb >> unit)
+    if (key == "MemAvailable:") return kb * 1024;
+  return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
 }

@@ -88,6 +88,10 @@ DeviceListing ResolveDeviceText(const std::string& text);
 Device OpenDevice(const std::string& text);
 void CloseDevice(Device& device);
 
+// Bytes the system can still give (MemAvailable, else half its memory): what
+// frames in host memory, and a CPU device's buffers, come out of.
+uint64_t AvailableHostMemory();
+
 // Device memory owned by a scope.
 struct DeviceBufferDeleter {
   const Device* device;

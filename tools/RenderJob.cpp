@@ -247,16 +247,6 @@ void HandStackFrames(ClipHost& host, Feed& feed, int64_t first, int64_t last, in
   }
 }
 
-// Bytes the system can still give: MemAvailable, else half of its memory.
-uint64_t AvailableMemory() {
-  std::ifstream in("/proc/meminfo");
-  std::string key, unit;
-  uint64_t kb = 0;
-  while (in >> key >> kb >> unit)
-    if (key == "MemAvailable:") return kb * 1024;
-  return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
-}
-
 std::string Size(uint64_t bytes) {
   char text[32];
   if (bytes >= (uint64_t{1} << 30))
@@ -462,7 +452,7 @@ int Run(aehost::AeHost& host, const Options& o) {
   const Window window = NeededFrames(frames, offset);
   // A frame the host holds costs its float pixels and their device copy.
   const uint64_t frameBytes = uint64_t{16} * static_cast<uint64_t>(info.width) * static_cast<uint64_t>(info.height) * 2;
-  const uint64_t budget = o.memory ? o.memory : AvailableMemory() / 4 * 3;
+  const uint64_t budget = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
   const auto queued = static_cast<size_t>(std::max(2, o.jobs));
   const uint64_t reach = static_cast<uint64_t>(window.back + window.ahead) + static_cast<uint64_t>(o.jobs) + queued;
   const bool fits = frameBytes == 0 || reach <= budget / frameBytes;
