@@ -10,6 +10,7 @@ packages=(
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
+  libfreetype-dev fonts-dejavu-core
   clang libclang-rt-14-dev
 )
 
