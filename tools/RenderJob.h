@@ -32,7 +32,8 @@ struct Options {
   bool listDevices = false, version = false, quiet = false;
   int64_t start = 0, end = -1;
   int jobs = 1;
-  uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
+  uint64_t memory = 0;     // bytes the input frames may take; 0: three quarters of what is available
+  std::string uiSnapshot;  // a PNG of the effect's custom UI after the render; "" for none
 };
 
 // Where the module writes its log: its folder under the temporary directory,
