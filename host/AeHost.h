@@ -20,6 +20,7 @@
 
 #include "AE_Effect.h"
 #include "AE_EffectSuites.h"
+#include "AE_EffectUI.h"
 
 namespace aehost {
 
@@ -76,6 +77,9 @@ struct HostOptions {
   // RenderMany from several threads at once.
   std::function<void(PF_Cmd, PF_InData&, PF_OutData&)> beforeCommand;
   bool unloadOnDestroy = true;
+  // Commands go here instead of to the module's entry: the effect's objects
+  // linked into the caller, whose process-wide records a test can then set.
+  PF_EffectMainFunc effectMain = nullptr;
 };
 
 // Which command renders a frame. Auto plays the real host: smart render when
@@ -167,6 +171,38 @@ struct RenderResult {
   Image output;                           // downloaded after the render
 };
 
+// One drawing call that the effect made through Drawbot and that drew.
+struct DrawCall {
+  std::string op;               // "FillPath" (one per rectangle), "DrawString", "DrawImage"
+  std::string text;             // DrawString's text, as UTF-8
+  float x = 0, y = 0;           // rectangle's left and top, text's baseline start, image's top left
+  float width = 0, height = 0;  // rectangle, or image
+  DRAWBOT_ColorRGBA color{};    // the brush (FillPath, DrawString)
+  float fontSize = 0;           // DrawString
+  float alpha = 0;              // DrawImage
+};
+
+// A PF_Cmd_EVENT as the host sends it for one panel of the effect.
+struct UIEvent {
+  PF_EventType type = PF_Event_DRAW;
+  PF_WindowType window = PF_Window_EFFECT;
+  PF_EffectArea area = PF_EA_CONTROL;  // effect controls panel only
+  PF_LRect frame{0, 0, 250, 90};       // effect_win.current_frame
+  PF_EventOutFlags outFlags = PF_EO_NONE;
+  A_long width = 0, height = 0;                             // the panel's canvas; 0: frame.right, frame.bottom
+  DRAWBOT_ColorRGBA background{0.16f, 0.16f, 0.16f, 1.0f};  // the panel before the effect draws
+  bool nullExtra = false;                                   // send no PF_EventExtra at all
+};
+
+struct UIEventResult {
+  PF_Err result = 0;
+  PF_EventOutFlags outFlags = 0;  // evt_out_flags as the effect left it
+  CommandRecord command;
+  std::vector<DrawCall> calls;
+  long objectsLeft = 0;  // Drawbot objects made and not released
+  Image canvas;          // the panel as drawn, straight RGBA
+};
+
 class AeHost {
  public:
   // Loads the module and its property list (same folder, same stem, ".pipl"),
@@ -229,6 +265,11 @@ class AeHost {
   RenderResult Render(A_long time, RenderPath path = RenderPath::Auto);
   std::vector<RenderResult> RenderMany(const std::vector<A_long>& times, int threads,
                                        RenderPath path = RenderPath::Auto);
+
+  // ---- Custom UI ----
+  // Sends PF_Cmd_EVENT for a panel with a Drawbot surface over a canvas of its
+  // own. Throws HostError when no font for text can be found.
+  UIEventResult SendEvent(const UIEvent& event);
 
   // ---- Upload cache and live host resources ----
   size_t UploadCount() const;

@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -210,6 +211,33 @@ struct AeHost::Impl {
   size_t LiveHandles() const;
   void FreeAllHandles();
 };
+
+// What a Drawbot reference of one event draws into; its supplier and surface
+// references are this record too (Drawbot.cpp).
+struct DrawTarget {
+  static constexpr uint32_t kMagic = 0x44524157;  // "DRAW"
+  uint32_t magic = kMagic;
+  Image* canvas = nullptr;
+  std::vector<DrawCall> calls;
+  long liveObjects = 0;
+};
+
+// The panel a UI event comes from: PF_ContextH points at `self`.
+struct UIContext {
+  PF_Context context{};
+  PF_Context* self = &context;
+  DrawTarget* target = nullptr;
+};
+static_assert(std::is_standard_layout_v<UIContext>, "the context leads its record");
+
+extern const DRAWBOT_DrawbotSuite1 kDrawbotDrawSuite;
+extern const DRAWBOT_SupplierSuite1 kDrawbotSupplierSuite;
+extern const DRAWBOT_SurfaceSuite2 kDrawbotSurfaceSuite;
+extern const DRAWBOT_PathSuite1 kDrawbotPathSuite;
+extern const PF_EffectCustomUISuite1 kCustomUISuite;  // AeHostEvents.cpp
+// The font for Drawbot's text, found once; throws HostError when missing.
+std::string DrawbotFontPath();
+void LoadDrawbotFont();
 
 // The suites and callbacks the host hands out: the basic suite and the util
 // callbacks (AeHostSuites.cpp), the GPU device suite (AeHostWorlds.cpp), the

@@ -94,6 +94,7 @@ AeHost::AeHost(const std::string& modulePath, HostOptions options) : impl_(std::
     return s;
   };
   h.effectMain = reinterpret_cast<PF_EffectMainFunc>(resolve(entry));
+  if (h.options.effectMain) h.effectMain = h.options.effectMain;
   h.pluginDataEntry = reinterpret_cast<PF_PluginDataEntryFunc>(resolve("PluginDataEntryFunction"));
   h.nvOptimus = static_cast<const int32_t*>(resolve("NvOptimusEnablementCuda"));
 

@@ -190,6 +190,11 @@ const void* SuiteTable(const std::string& name, int32_t version) {
   if (name == kPFGPUDeviceSuite && version == kPFGPUDeviceSuiteVersion1) return &kGPUDeviceSuite;
   if (name == kPFPixelFormatSuite && version == kPFPixelFormatSuiteVersion1) return &kPixelFormatSuite;
   if (name == kPFANSISuite && version == kPFANSISuiteVersion1) return &kANSISuite;
+  if (name == kPFEffectCustomUISuite && version == kPFEffectCustomUISuiteVersion1) return &kCustomUISuite;
+  if (name == kDRAWBOT_DrawSuite && version == kDRAWBOT_DrawSuite_Version1) return &kDrawbotDrawSuite;
+  if (name == kDRAWBOT_SupplierSuite && version == kDRAWBOT_SupplierSuite_Version1) return &kDrawbotSupplierSuite;
+  if (name == kDRAWBOT_SurfaceSuite && version == kDRAWBOT_SurfaceSuite_Version2) return &kDrawbotSurfaceSuite;
+  if (name == kDRAWBOT_PathSuite && version == kDRAWBOT_PathSuite_Version1) return &kDrawbotPathSuite;
   return nullptr;
 }
 

@@ -40,7 +40,7 @@ PF_Err Dispatch(PF_Cmd cmd, PF_InData* in_data, PF_OutData* out_data, PF_ParamDe
     case PF_Cmd_PARAMS_SETUP: return ParamsSetup(in_data, out_data);
     case PF_Cmd_RENDER:
       return RenderCPU(in_data, out_data, &params[FindParamIndex(PARAM_INPUT, ParamTable())]->u.ld, output);
-    // PF_Cmd_EVENT stays unanswered (0) until the custom UI is built.
+    case PF_Cmd_EVENT: return HandleEvent(in_data, out_data, params, output, static_cast<PF_EventExtra*>(extra));
     case PF_Cmd_SMART_PRE_RENDER: return PreRender(in_data, out_data, static_cast<PF_PreRenderExtra*>(extra));
     case PF_Cmd_SMART_RENDER: return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), false);
     case PF_Cmd_SMART_RENDER_GPU: return SmartRender(in_data, out_data, static_cast<PF_SmartRenderExtra*>(extra), true);

@@ -7,6 +7,7 @@
 
 #include "AE_Effect.h"
 #include "AE_EffectSuites.h"
+#include "AE_EffectUI.h"
 #include "Kernel_Data.h"
 
 // The effect's identity, shared by the property list, PluginDataEntryFunction,
@@ -31,6 +32,11 @@ struct AboutImage {
   int32_t height;
   int32_t pixelLayout;  // kDRAWBOT_PixelLayout_32BGR
 };
+
+// When the about picture did not load the control keeps the size the picture
+// would have given, so the panel's layout does not jump; its text stays put.
+inline constexpr A_long kAboutFallbackWidth = 250;
+inline constexpr A_long kAboutFallbackHeight = 70;
 
 // Contents of the host handle in global_data, locked from set-up to set-down.
 struct GlobalData {
@@ -131,6 +137,15 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
                       PF_EffectWorld* output, PF_SmartRenderExtra* extra, KernelData* kernelData);
 PF_Err GPUDeviceSetup(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSetupExtra* extra);
 PF_Err GPUDeviceSetdown(PF_InData* in_data, PF_OutData* out_data, PF_GPUDeviceSetdownExtra* extra);
+PF_Err HandleEvent(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output,
+                   PF_EventExtra* extra);
+
+// The custom control in the effect controls panel, and the notice in the
+// composition and layer panels.
+PF_Err DrawEvent(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output,
+                 PF_EventExtra* extra);
+PF_Err DrawCompUIEvent(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output,
+                       PF_EventExtra* extra);
 
 // Decodes the about picture from the module's resources into `about`.
 PF_Err LoadAboutImage(PF_InData* in_data, AboutImage* about);

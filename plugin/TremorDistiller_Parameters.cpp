@@ -104,11 +104,6 @@ ParamTableRows BuildTable() {
 // only read it.
 [[maybe_unused]] const ParamTableRows& kTableAtLoad = ParamTable();
 
-// When the about picture did not load the control keeps the size the picture
-// would have given, so the panel's layout does not jump.
-constexpr A_long kAboutFallbackWidth = 250;
-constexpr A_long kAboutFallbackHeight = 70;
-
 void CopyName(PF_ParamDef& def, const std::string& name) {
   std::strncpy(def.name, name.c_str(), sizeof(def.name));
   def.name[sizeof(def.name) - 1] = '\0';

@@ -11,6 +11,7 @@ packages=(
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
   frei0r-plugins-dev melt
+  libfreetype-dev fonts-dejavu-core
   clang libclang-rt-14-dev
 )
 

@@ -119,6 +119,10 @@ class Writer {
   std::unique_ptr<Impl> impl_;
 };
 
+// One picture as a 16-bit RGBA PNG at `path`, through FFmpeg's PNG encoder.
+// Throws MediaError; the caller stages the path, as a failure may leave part of it.
+void WritePng(const std::string& path, const Picture& picture);
+
 }  // namespace media
 
 #endif

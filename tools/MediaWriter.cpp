@@ -344,4 +344,29 @@ void Writer::Finish() {
 
 std::vector<std::string> Writer::Files() const { return impl_->files; }
 
+void WritePng(const std::string& path, const Picture& picture) {
+  const OutputFormat& png = OutputFormatFor("x.%d.png");  // the sequences' PNG row: same encoder and layout
+  const AVCodec* codec = avcodec_find_encoder_by_name(png.codec);
+  if (!codec) throw MediaError(std::string("this FFmpeg has no ") + png.codec + " encoder for '" + path + "'");
+  CodecPtr enc(avcodec_alloc_context3(codec));
+  enc->width = picture.width;
+  enc->height = picture.height;
+  enc->pix_fmt = av_get_pix_fmt(png.pixelFormat);
+  enc->time_base = AVRational{1, 1};
+  int r = avcodec_open2(enc.get(), codec, nullptr);
+  if (r < 0) throw MediaError("cannot open the png encoder for '" + path + "': " + AvError(r));
+  FramePtr frame = NewFrame(enc->pix_fmt, picture.width, picture.height);
+  PictureToFrame(picture, png.layout, *frame);
+  frame->pts = 0;
+  PacketPtr pkt(av_packet_alloc());
+  r = avcodec_send_frame(enc.get(), frame.get());
+  if (r >= 0) r = avcodec_send_frame(enc.get(), nullptr);
+  if (r >= 0) r = avcodec_receive_packet(enc.get(), pkt.get());
+  if (r < 0) throw MediaError("cannot encode '" + path + "': " + AvError(r));
+  FILE* file = std::fopen(path.c_str(), "wb");
+  const bool ok = file && std::fwrite(pkt->data, 1, pkt->size, file) == static_cast<size_t>(pkt->size);
+  const int error = errno;
+  if ((file && std::fclose(file) != 0) || !ok) throw MediaError("cannot write '" + path + "': " + std::strerror(error));
+}
+
 }  // namespace media

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+#include <cctype>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -28,6 +29,7 @@
 #include "PrHost.h"
 #include "RenderDevice.h"
 #include "RenderProgress.h"
+#include "UISnapshot.h"
 #include "Windows.h"  // the platform layer's temporary folder, as the module sees it
 
 namespace fs = std::filesystem;
@@ -341,6 +343,14 @@ const media::OutputFormat& CheckCommand(const Options& o) {
   const fs::path output(o.output);
   const fs::path outDir = output.parent_path().empty() ? fs::path(".") : output.parent_path();
   if (!fs::is_directory(outDir)) throw Failure("output folder " + outDir.string() + " does not exist");
+  if (!o.uiSnapshot.empty()) {
+    const fs::path snapshot(o.uiSnapshot);
+    std::string ext = snapshot.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (ext != ".png") throw Failure("--ui-snapshot " + o.uiSnapshot + " must name a .png file");
+    const fs::path dir = snapshot.parent_path().empty() ? fs::path(".") : snapshot.parent_path();
+    if (!fs::is_directory(dir)) throw Failure("--ui-snapshot folder " + dir.string() + " does not exist");
+  }
   return format;
 }
 
@@ -467,6 +477,9 @@ int Run(aehost::AeHost& host, const Options& o) {
     jobs = static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(o.jobs), stacks));
   }
   Staging staging(o.output, format.sequence);
+  // Reserved now, so an unwritable folder stops the run before the render.
+  std::unique_ptr<Staging> snapshot;
+  if (!o.uiSnapshot.empty()) snapshot = std::make_unique<Staging>(o.uiSnapshot, false);
   try {
     auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
                                                   info.hasAudio ? o.input : std::string());
@@ -512,7 +525,10 @@ int Run(aehost::AeHost& host, const Options& o) {
     writer->Finish();
     const std::vector<std::string> files = writer->Files();
     writer.reset();
+    // The panel as the render left it: the GPU at work, or the notice.
+    if (snapshot) media::WritePng(snapshot->WriterTarget().string(), DrawUISnapshot(host));
     staging.Commit(files);
+    if (snapshot) snapshot->Commit({});
     progress.Finish();
     if (!o.quiet) {
       const double s = progress.Seconds();
@@ -521,7 +537,8 @@ int Run(aehost::AeHost& host, const Options& o) {
     }
     return 0;
   } catch (const media::MediaError& e) {
-    throw media::MediaError(staging.Public(e.what()));  // the user's output, not the hidden temporary
+    // The user's output, not the hidden temporary.
+    throw media::MediaError(snapshot ? snapshot->Public(staging.Public(e.what())) : staging.Public(e.what()));
   }
 }
 

@@ -36,6 +36,7 @@ struct Options {
   // Premiere in "float" (128-bit) or "half" frames.
   std::string host = "aftereffects", precision = "float";
   uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
+  std::string uiSnapshot;  // a PNG of the effect's custom UI after the render; "" for none
 };
 
 // Where the module writes its log: its folder under the temporary directory,

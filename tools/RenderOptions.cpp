@@ -125,6 +125,11 @@ void AddRunOptions(CLI::App& app, Options& o) {
   app.add_option("--memory", o.memory, "Memory for input frames, e.g. 4G (default: 3/4 of what is available)")
       ->transform(CLI::AsSizeValue(false))
       ->group("Run");
+  app.add_option("--ui-snapshot", o.uiSnapshot,
+                 "After the render, write the effect's controls as the user sees them (the picture and the GPU "
+                 "line; the composition panel's notice below, if raised) to this .png")
+      ->type_name("PATH")
+      ->group("Run");
   app.add_flag("-q,--quiet", o.quiet, "No progress or summary")->group("Run");
   app.add_flag("--version", o.version, "Print the version and exit")->group("Run");
 }

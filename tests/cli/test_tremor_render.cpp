@@ -129,6 +129,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.xyz", 1, "extension '.xyz' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)"},
       {in + "out.exr", 1, "output 'out.exr' needs a frame number pattern like out.%04d.exr"},
       {in + "no/out.mov", 1, "output folder no does not exist"},
+      {in + "out.mkv --ui-snapshot ui.png", 0, "12 frames in ", 2},
+      {in + "out.mkv --ui-snapshot no/ui.png", 1, "--ui-snapshot folder no does not exist"},
+      {in + "out.mkv --ui-snapshot ui.jpg", 1, "--ui-snapshot ui.jpg must name a .png file"},
       {in + "out.%04d.exr --start 12", 1, "--start 12 is past the clip's last frame (11)"},
       {in + "out.%04d.exr --start 5 --end 4", 2, "--end must not be before --start"},
       {in + "out.%04d.exr --device opencl:9.9", 1, "no device opencl:9.9 (see --list-devices)"},
@@ -171,6 +174,22 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
     EXPECT_EQ(r.err.compare(0, 15, "tremor-render: "), 0) << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
+}
+
+// The effect controls panel at the control's registered size, the about
+// picture's top left as the module decoded it. The GPU line depends on the
+// machine's adapter and is looked at in the host's tests.
+TEST_F(TremorRender, UISnapshotIsTheControlAsDrawn) {
+  const fs::path dir = OutDir("snapshot");
+  ASSERT_EQ(RunCli(dir, In("in.%04d.png") + " -o out.mkv --quiet --ui-snapshot ui.png").code, 0);
+  media::Reader reader((dir / "ui.png").string());
+  media::Picture p;
+  ASSERT_TRUE(reader.Next(p));
+  EXPECT_EQ(p.width, 250);
+  EXPECT_EQ(p.height, 90);
+  EXPECT_NEAR(p.rgba[0], 28 / 255.0f, 1e-4);  // scripts/make_about_png.py's background, R then B
+  EXPECT_NEAR(p.rgba[2], 48 / 255.0f, 1e-4);
+  EXPECT_NEAR(p.rgba[(89 * 250 + 249) * 4], 0.11f, 1e-4);  // the strip under the picture
 }
 
 // One Ctrl-C stops at the next frame, a second at once: both leave nothing.
