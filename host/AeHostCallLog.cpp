@@ -129,25 +129,9 @@ void Impl::EndCommand(size_t at, PF_Err result) {
   if (at < log.size()) log[at].result = result;  // the log may have been cleared meanwhile
 }
 
-Trigger Impl::Check(const char* op) {
-  std::lock_guard<std::mutex> lock(injectMutex);
-  Trigger t;
-  for (auto& i : injections) {
-    if (i.op != op) continue;
-    ++i.calls;
-    if (!t.fired && (i.nth == 0 || i.calls == i.nth)) {
-      t.fired = true;
-      t.null = i.null;
-      t.code = i.null ? 0 : i.code;
-    }
-  }
-  return t;
-}
+Trigger Impl::Check(const char* op) { return injections.Check(op); }
 
-bool Impl::SuiteMissing(const std::string& name) {
-  std::lock_guard<std::mutex> lock(injectMutex);
-  return missingSuites.count(name) > 0;
-}
+bool Impl::SuiteMissing(const std::string& name) { return injections.SuiteMissing(name); }
 
 std::vector<CallRecord> AeHost::CallLog() const {
   std::lock_guard<std::mutex> lock(impl_->logMutex);
@@ -171,20 +155,11 @@ std::optional<CommandRecord> AeHost::LastCommand(PF_Cmd cmd) const {
   return std::nullopt;
 }
 
-void AeHost::RemoveSuite(const std::string& name) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->missingSuites.insert(name);
-}
+void AeHost::RemoveSuite(const std::string& name) { impl_->injections.RemoveSuite(name); }
 
-void AeHost::FailOperation(const std::string& op, PF_Err code, int nth) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.push_back(Injection{op, code, nth, false, 0});
-}
+void AeHost::FailOperation(const std::string& op, PF_Err code, int nth) { impl_->injections.Fail(op, code, nth); }
 
-void AeHost::NullOperation(const std::string& op, int nth) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.push_back(Injection{op, 0, nth, true, 0});
-}
+void AeHost::NullOperation(const std::string& op, int nth) { impl_->injections.Null(op, nth); }
 
 void AeHost::NullCheckout(A_long checkoutIdx) {
   std::lock_guard<std::mutex> lock(impl_->injectMutex);
@@ -192,9 +167,8 @@ void AeHost::NullCheckout(A_long checkoutIdx) {
 }
 
 void AeHost::ClearInjections() {
+  impl_->injections.Clear();
   std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.clear();
-  impl_->missingSuites.clear();
   impl_->nullCheckouts.clear();
 }
 

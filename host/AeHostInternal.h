@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "AeHost.h"
+#include "HostInjections.h"
 #include "Device.h"
 
 namespace aehost {
@@ -82,20 +83,6 @@ struct CommandContext {
   RenderJob* job = nullptr;
 };
 
-struct Injection {
-  std::string op;
-  PF_Err code = 0;
-  int nth = 0;
-  bool null = false;
-  int calls = 0;
-};
-
-struct Trigger {
-  bool fired = false;
-  bool null = false;
-  PF_Err code = 0;
-};
-
 struct CacheEntry {
   std::shared_ptr<WorldRecord> world;
   uint64_t lastUse = 0;
@@ -160,9 +147,8 @@ struct AeHost::Impl {
   std::vector<CommandRecord> commands;
 
   // Injection
-  mutable std::mutex injectMutex;
-  std::vector<Injection> injections;
-  std::set<std::string> missingSuites;
+  HostInjections injections;
+  mutable std::mutex injectMutex;  // of nullCheckouts
   std::set<A_long> nullCheckouts;
 
   std::atomic<uint64_t> nextRenderId{1};

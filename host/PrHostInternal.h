@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Device.h"
+#include "HostInjections.h"
 #include "PrHost.h"
 
 // A frame the host made, behind the module's opaque handle.
@@ -42,19 +43,7 @@ std::string Args(const T&... parts) {
   return s.str();
 }
 
-struct Injection {
-  std::string op;
-  prSuiteError code = 0;
-  int nth = 0;
-  bool null = false;
-  int calls = 0;
-};
-
-struct Trigger {
-  bool fired = false;
-  bool null = false;
-  prSuiteError code = 0;
-};
+using aehost::Trigger;
 
 // A clip frame on the device in one format, freed with its last holder.
 struct Uploaded {
@@ -89,9 +78,7 @@ struct PrHost::Impl {
   mutable std::mutex logMutex;
   std::vector<CallRecord> log;
 
-  mutable std::mutex injectMutex;
-  std::vector<Injection> injections;
-  std::set<std::string> missingSuites;
+  aehost::HostInjections injections;
 
   PPix* NewPPix(PrPixelFormat format, int32_t width, int32_t height, csSDK_uint32 parNum, csSDK_uint32 parDen,
                 prFieldType field, bool byFilter);

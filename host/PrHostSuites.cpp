@@ -20,7 +20,7 @@ std::vector<Impl*> gHosts;
   const Trigger t = h ? h->Check(op) : Trigger{}; \
   prSuiteError err = t.code;                      \
   if (!h) err = suiteError_InvalidParms;          \
-  if (h && !t.fired) __VA_ARGS__;                 \
+  if (h && (!t.fired || t.null)) __VA_ARGS__;     \
   if (h) h->Record(suite, op, argsText, err);     \
   return err
 
@@ -236,25 +236,9 @@ void Impl::Record(const char* suite, const char* op, const std::string& args, pr
       CallRecord{suite[0] ? CallRecord::Kind::Suite : CallRecord::Kind::EffectCall, suite, op, args, result, 0});
 }
 
-Trigger Impl::Check(const char* op) {
-  std::lock_guard<std::mutex> lock(injectMutex);
-  Trigger t;
-  for (auto& i : injections) {
-    if (i.op != op) continue;
-    ++i.calls;
-    if (!t.fired && (i.nth == 0 || i.calls == i.nth)) {
-      t.fired = !i.null;
-      t.null = i.null;
-      t.code = i.null ? 0 : i.code;
-    }
-  }
-  return t;
-}
+Trigger Impl::Check(const char* op) { return injections.Check(op); }
 
-bool Impl::SuiteMissing(const std::string& name) {
-  std::lock_guard<std::mutex> lock(injectMutex);
-  return missingSuites.count(name) > 0;
-}
+bool Impl::SuiteMissing(const std::string& name) { return injections.SuiteMissing(name); }
 
 std::vector<CallRecord> PrHost::CallLog() const {
   std::lock_guard<std::mutex> lock(impl_->logMutex);
@@ -266,25 +250,12 @@ void PrHost::ClearCallLog() {
   impl_->log.clear();
 }
 
-void PrHost::RemoveSuite(const std::string& name) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->missingSuites.insert(name);
-}
+void PrHost::RemoveSuite(const std::string& name) { impl_->injections.RemoveSuite(name); }
 
-void PrHost::FailOperation(const std::string& op, prSuiteError code, int nth) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.push_back(Injection{op, code, nth, false, 0});
-}
+void PrHost::FailOperation(const std::string& op, prSuiteError code, int nth) { impl_->injections.Fail(op, code, nth); }
 
-void PrHost::NullOperation(const std::string& op, int nth) {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.push_back(Injection{op, 0, nth, true, 0});
-}
+void PrHost::NullOperation(const std::string& op, int nth) { impl_->injections.Null(op, nth); }
 
-void PrHost::ClearInjections() {
-  std::lock_guard<std::mutex> lock(impl_->injectMutex);
-  impl_->injections.clear();
-  impl_->missingSuites.clear();
-}
+void PrHost::ClearInjections() { impl_->injections.Clear(); }
 
 }  // namespace prhost
