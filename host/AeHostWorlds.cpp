@@ -221,6 +221,18 @@ float Unit16(uint16_t v) { return v / 32768.0f; }
 uint8_t To8(float v) { return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f)); }
 uint16_t To16(float v) { return static_cast<uint16_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 32768.0f)); }
 
+// R, G, B, A floats to B, G, R, A, or back: a plain loop over a row that the
+// compiler vectorises, where a test of the world's format per pixel kept it
+// scalar.
+void SwapRedBlue(const float* in, float* out, A_long pixels) {
+  for (A_long i = 0; i < pixels; ++i) {
+    out[4 * i] = in[4 * i + 2];
+    out[4 * i + 1] = in[4 * i + 1];
+    out[4 * i + 2] = in[4 * i];
+    out[4 * i + 3] = in[4 * i + 3];
+  }
+}
+
 }  // namespace
 
 // A world's bytes in host memory: software memory, a device buffer's own
@@ -264,12 +276,13 @@ void Impl::UploadImage(WorldRecord& world, const Image& image) {
   WorldBytes bytes(device, world, false);
   for (A_long y = 0; y < w.height; ++y) {
     uint8_t* row = bytes.Row(y);
+    if (world.gpu) {
+      SwapRedBlue(image.At(0, y), reinterpret_cast<float*>(row), w.width);
+      continue;
+    }
     for (A_long x = 0; x < w.width; ++x) {
       const float* p = image.At(x, y);
-      if (world.gpu) {
-        const float bgra[4] = {p[2], p[1], p[0], p[3]};
-        std::memcpy(row + x * 16, bgra, 16);
-      } else if (world.format == PF_PixelFormat_ARGB32) {
+      if (world.format == PF_PixelFormat_ARGB32) {
         uint8_t* q = row + x * 4;
         q[0] = To8(p[3]), q[1] = To8(p[0]), q[2] = To8(p[1]), q[3] = To8(p[2]);
       } else if (world.format == PF_PixelFormat_ARGB64) {
@@ -297,13 +310,10 @@ Image Impl::DownloadImage(const WorldRecord& world) {
   WorldBytes bytes(device, world, true);
   for (A_long y = 0; y < w.height; ++y) {
     const uint8_t* row = bytes.Row(y);
-    for (A_long x = 0; x < w.width; ++x) {
+    if (world.gpu) SwapRedBlue(reinterpret_cast<const float*>(row), line.data(), w.width);
+    for (A_long x = 0; x < w.width && !world.gpu; ++x) {
       float* p = line.data() + static_cast<size_t>(x) * 4;
-      if (world.gpu) {
-        float bgra[4];
-        std::memcpy(bgra, row + x * 16, 16);
-        p[0] = bgra[2], p[1] = bgra[1], p[2] = bgra[0], p[3] = bgra[3];
-      } else if (world.format == PF_PixelFormat_ARGB32) {
+      if (world.format == PF_PixelFormat_ARGB32) {
         const uint8_t* q = row + x * 4;
         p[0] = Unit8(q[1]), p[1] = Unit8(q[2]), p[2] = Unit8(q[3]), p[3] = Unit8(q[0]);
       } else if (world.format == PF_PixelFormat_ARGB64) {

@@ -13,9 +13,10 @@ T* Row(const AVFrame& f, int plane, int y) {
 
 }  // namespace
 
+// Selects rather than early returns, so that the loops calling it vectorise.
 uint16_t ToU16(float v) {
-  if (!(v > 0.0f)) return 0;  // NaN too
-  if (v >= 1.0f) return 65535;
+  v = v > 0.0f ? v : 0.0f;  // NaN too
+  v = v < 1.0f ? v : 1.0f;
   return static_cast<uint16_t>(v * 65535.0f + 0.5f);
 }
 
