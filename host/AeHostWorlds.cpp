@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <algorithm>
+#include <optional>
 
 #include "AeHostInternal.h"
 
@@ -235,38 +236,24 @@ void SwapRedBlue(const float* in, float* out, A_long pixels) {
 
 }  // namespace
 
-// A world's bytes in host memory: software memory, a device buffer's own
-// mapped view, or else a staging copy that upload and download move across.
-// The staging memory stays with the thread, so a frame-sized copy is not
-// allocated (and faulted in) again for every frame.
+// A world's bytes in host memory: software memory, or the device buffer's
+// bytes as DeviceBytes gives them.
 class WorldBytes {
  public:
-  WorldBytes(const Device& device, const WorldRecord& world, bool read) : device_(device), world_(world) {
-    if (!world.gpu) {
-      base_ = const_cast<uint8_t*>(world.memory.data());
-    } else if (device.kind->map && world.bytes) {
-      base_ = static_cast<uint8_t*>(mapped_ = device.kind->map(device, world.buffer, world.bytes));
-    } else {
-      thread_local std::vector<uint8_t> staging;
-      if (staging.size() < world.bytes) staging.resize(world.bytes);
-      base_ = staging.data();
-      if (read && world.bytes) device.kind->download(device, world.buffer, base_, world.bytes);
-    }
+  WorldBytes(const Device& device, const WorldRecord& world, bool read) : world_(world) {
+    if (world.gpu) gpu_.emplace(device, world.buffer, world.bytes, read);
   }
-  ~WorldBytes() {
-    if (mapped_) device_.kind->unmap(device_, world_.buffer, mapped_);
-  }
-  // After writing: the device has the bytes.
   void Publish() {
-    if (world_.gpu && !mapped_ && world_.bytes) device_.kind->upload(device_, world_.buffer, base_, world_.bytes);
+    if (gpu_) gpu_->Publish();
   }
-  uint8_t* Row(A_long y) const { return base_ + static_cast<size_t>(y) * world_.world.rowbytes; }
+  uint8_t* Row(A_long y) const {
+    uint8_t* base = gpu_ ? gpu_->data() : const_cast<uint8_t*>(world_.memory.data());
+    return base + static_cast<size_t>(y) * world_.world.rowbytes;
+  }
 
  private:
-  const Device& device_;
   const WorldRecord& world_;
-  void* mapped_ = nullptr;
-  uint8_t* base_ = nullptr;
+  std::optional<DeviceBytes> gpu_;
 };
 
 // GPU worlds hold B, G, R, A floats; software worlds A, R, G, B in their depth.

@@ -106,3 +106,23 @@ uint64_t AvailableHostMemory() {
     if (key == "MemAvailable:") return kb * 1024;
   return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
 }
+
+DeviceBytes::DeviceBytes(const Device& device, void* buffer, size_t bytes, bool read)
+    : device_(device), buffer_(buffer), bytes_(bytes) {
+  if (device.kind->map && bytes) {
+    base_ = static_cast<uint8_t*>(mapped_ = device.kind->map(device, buffer, bytes));
+    return;
+  }
+  thread_local std::vector<uint8_t> staging;
+  if (staging.size() < bytes) staging.resize(bytes);
+  base_ = staging.data();
+  if (read && bytes) device.kind->download(device, buffer, base_, bytes);
+}
+
+DeviceBytes::~DeviceBytes() {
+  if (mapped_) device_.kind->unmap(device_, buffer_, mapped_);
+}
+
+void DeviceBytes::Publish() {
+  if (!mapped_ && bytes_) device_.kind->upload(device_, buffer_, base_, bytes_);
+}

@@ -92,6 +92,28 @@ void CloseDevice(Device& device);
 // frames in host memory, and a CPU device's buffers, come out of.
 uint64_t AvailableHostMemory();
 
+// A device buffer's bytes in host memory while the object lives: the buffer's
+// own memory through the kind's map row (a CPU device: nothing is copied),
+// else a staging copy kept per thread, so a frame-sized copy is not made and
+// faulted in again for every frame. With `read` the copy starts as the
+// buffer; Publish puts what was written into the buffer.
+class DeviceBytes {
+ public:
+  DeviceBytes(const Device& device, void* buffer, size_t bytes, bool read);
+  ~DeviceBytes();
+  DeviceBytes(const DeviceBytes&) = delete;
+  DeviceBytes& operator=(const DeviceBytes&) = delete;
+  uint8_t* data() const { return base_; }
+  void Publish();
+
+ private:
+  const Device& device_;
+  void* buffer_;
+  size_t bytes_;
+  void* mapped_ = nullptr;
+  uint8_t* base_ = nullptr;
+};
+
 // Device memory owned by a scope.
 struct DeviceBufferDeleter {
   const Device* device;

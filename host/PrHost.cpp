@@ -89,7 +89,7 @@ bool Impl::Free(PPix* pix) {
 
 // Frames hold B, G, R, A, as 32-bit floats or as halves.
 void Impl::Upload(PPix& pix, const Image& image) {
-  std::vector<uint8_t> bytes(pix.bytes, 0);
+  DeviceBytes bytes(device, pix.buffer, pix.bytes, false);
   const bool half = PixelBytes(pix.format) == 8;
   for (int32_t y = 0; y < pix.height; ++y)
     for (int32_t x = 0; x < pix.width; ++x) {
@@ -103,12 +103,11 @@ void Impl::Upload(PPix& pix, const Image& image) {
       const uint16_t h[4] = {FloatToHalf(bgra[0]), FloatToHalf(bgra[1]), FloatToHalf(bgra[2]), FloatToHalf(bgra[3])};
       std::memcpy(at, h, 8);
     }
-  device.kind->upload(device, pix.buffer, bytes.data(), bytes.size());
+  bytes.Publish();
 }
 
 Image Impl::Download(const PPix& pix) {
-  std::vector<uint8_t> bytes(pix.bytes);
-  device.kind->download(device, pix.buffer, bytes.data(), bytes.size());
+  const DeviceBytes bytes(device, pix.buffer, pix.bytes, true);
   Image image(pix.width, pix.height);
   const bool half = PixelBytes(pix.format) == 8;
   for (int32_t y = 0; y < pix.height; ++y)
