@@ -48,8 +48,7 @@ struct Instance {
   FrameClock clock;
   std::map<int64_t, DeviceBuffer> history;  // by frame number
   DeviceBuffer output;
-  std::vector<float> staging;  // one frame of device pixels on the host
-  size_t capacity = 0;         // frames the history may hold
+  size_t capacity = 0;  // frames the history may hold
   bool failed = false;
 
   size_t FrameBytes() const { return static_cast<size_t>(width) * height * kPixelBytes; }
@@ -64,7 +63,6 @@ struct Instance {
     output = AllocateDeviceBuffer(*device, FrameBytes());
     // Half of what the system can give now: hosts run several instances.
     capacity = std::max<size_t>(2, AvailableHostMemory() / 2 / FrameBytes());
-    staging.resize(static_cast<size_t>(width) * height * 4);
   }
 
   ~Instance() {
@@ -76,22 +74,25 @@ struct Instance {
   }
 
   void Upload(const uint32_t* in, void* buffer) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(in);
+    DeviceBytes bytes(*device, buffer, FrameBytes(), false);
+    auto* pixels = reinterpret_cast<float*>(bytes.data());
+    const auto* source = reinterpret_cast<const uint8_t*>(in);
     for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
-      const uint8_t* rgba = bytes + 4 * p;
-      float* bgra = staging.data() + 4 * p;
+      const uint8_t* rgba = source + 4 * p;
+      float* bgra = pixels + 4 * p;
       bgra[0] = rgba[2] / 255.0f, bgra[1] = rgba[1] / 255.0f, bgra[2] = rgba[0] / 255.0f, bgra[3] = rgba[3] / 255.0f;
     }
-    device->kind->upload(*device, buffer, staging.data(), FrameBytes());
+    bytes.Publish();
   }
 
   void Download(uint32_t* out) {
-    device->kind->download(*device, output.get(), staging.data(), FrameBytes());
-    auto* bytes = reinterpret_cast<uint8_t*>(out);
+    const DeviceBytes bytes(*device, output.get(), FrameBytes(), true);
+    const auto* pixels = reinterpret_cast<const float*>(bytes.data());
+    auto* target = reinterpret_cast<uint8_t*>(out);
     auto to8 = [](float v) { return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f)); };
     for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
-      const float* bgra = staging.data() + 4 * p;
-      uint8_t* rgba = bytes + 4 * p;
+      const float* bgra = pixels + 4 * p;
+      uint8_t* rgba = target + 4 * p;
       rgba[0] = to8(bgra[2]), rgba[1] = to8(bgra[1]), rgba[2] = to8(bgra[0]), rgba[3] = to8(bgra[3]);
     }
   }
