@@ -1,13 +1,9 @@
 // Loading the module: the property list beside it, its exports, the plug-in
 // data entry, and unloading.
-#include <dlfcn.h>
-
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "AeHostInternal.h"
+#include "ModuleLoad.h"
 
 namespace aehost {
 
@@ -60,24 +56,17 @@ AeHost::AeHost(const std::string& modulePath, HostOptions options) : impl_(std::
   if (h.options.rowPaddingBytes < 0 || h.options.rowPaddingBytes % 16)
     throw HostError(Args("row padding must be a multiple of 16 bytes, not ", h.options.rowPaddingBytes));
 
-  h.dl = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!h.dl) {
-    const char* why = dlerror();
-    throw HostError("cannot load module " + modulePath + ": " + (why ? why : "unknown error"));
-  }
+  h.dl = LoadModule(modulePath);
   struct Unload {
     void* dl;
     bool armed = true;
     ~Unload() {
-      if (armed) dlclose(dl);
+      if (armed) UnloadModule(dl);
     }
   } unloadOnThrow{h.dl};
 
   // The property list names the entry point, as the host finds it.
-  const std::filesystem::path piplPath = std::filesystem::path(modulePath).replace_extension(".pipl");
-  std::ifstream in(piplPath, std::ios::binary);
-  if (!in) throw HostError("no property list beside the module: " + piplPath.string());
-  h.pipl.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  h.pipl = ReadPropertyList(h.dl, modulePath);
   std::string entry = "EffectMain";
   for (const auto& p : ParsePiPL(h.pipl)) {
     if (p.key == "kind" && (p.data.size() != 4 || ReadCode(p.data, 0) != "eFKT"))
@@ -89,7 +78,7 @@ AeHost::AeHost(const std::string& modulePath, HostOptions options) : impl_(std::
   }
 
   auto resolve = [&](const std::string& name) {
-    void* s = dlsym(h.dl, name.c_str());
+    void* s = ModuleSymbol(h.dl, name.c_str());
     if (!s) throw HostError("module " + modulePath + " has no export " + name);
     return s;
   };
@@ -123,7 +112,7 @@ AeHost::~AeHost() {
   h.ReleaseDevice();
   h.FreeAllHandles();
   UnregisterHost(&h);
-  if (h.options.unloadOnDestroy && h.dl) dlclose(h.dl);
+  if (h.options.unloadOnDestroy && h.dl) UnloadModule(h.dl);
 }
 
 const std::string& AeHost::ModulePath() const { return impl_->path; }

@@ -1,7 +1,11 @@
 // The one place that knows which device kinds this build has.
 #include "Device.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <fstream>
 #include <sstream>
@@ -99,12 +103,18 @@ DeviceBuffer AllocateDeviceBuffer(const Device& device, size_t bytes) {
 }
 
 uint64_t AvailableHostMemory() {
+#if defined(_WIN32)
+  MEMORYSTATUSEX status{};
+  status.dwLength = sizeof(status);
+  return GlobalMemoryStatusEx(&status) ? status.ullAvailPhys : 0;
+#else
   std::ifstream in("/proc/meminfo");
   std::string key, unit;
   uint64_t kb = 0;
   while (in >> key >> kb >> unit)
     if (key == "MemAvailable:") return kb * 1024;
   return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
+#endif
 }
 
 DeviceBytes::DeviceBytes(const Device& device, void* buffer, size_t bytes, bool read)

@@ -3,9 +3,12 @@
 // rectangles, images are blended by their pixel layout and row bytes, text is
 // rasterised with FreeType from a DejaVu Sans of the system, its origin the
 // start of the baseline. Every call is in the call log and can fail on
-// demand; every successful draw is kept as a DrawCall for tests.
+// demand; every successful draw is kept as a DrawCall for tests. A build
+// without FreeType (the Windows one) draws no text: events fail to start.
+#if defined(TD_HOST_FREETYPE)
 #include <ft2build.h>
 #include FT_FREETYPE_H
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -92,8 +95,10 @@ bool LayoutOf(DRAWBOT_PixelLayout layout, Layout* out) {
 // ---- Text ----
 
 std::mutex gFontMutex;  // FreeType's library object is not for several threads
+#if defined(TD_HOST_FREETYPE)
 FT_Library gFreeType = nullptr;
 FT_Face gFace = nullptr;
+#endif
 
 std::u32string FromUTF16(const DRAWBOT_UTF16Char* s) {
   std::u32string out;
@@ -128,6 +133,7 @@ std::string ToUTF8(const std::u32string& s) {
   return out;
 }
 
+#if defined(TD_HOST_FREETYPE)
 // Glyphs of `text` from the baseline start (x, y), anti-aliased by FreeType's
 // coverage. False when FreeType fails.
 bool RasteriseText(Image& canvas, const std::u32string& text, float size, DRAWBOT_PointF32 origin,
@@ -159,6 +165,9 @@ bool RasteriseText(Image& canvas, const std::u32string& text, float size, DRAWBO
   }
   return true;
 }
+#else
+bool RasteriseText(Image&, const std::u32string&, float, DRAWBOT_PointF32, const DRAWBOT_ColorRGBA&) { return false; }
+#endif
 
 // ---- DRAWBOT Draw Suite 1 ----
 
@@ -350,6 +359,9 @@ std::string DrawbotFontPath() {
 }
 
 void LoadDrawbotFont() {
+#if !defined(TD_HOST_FREETYPE)
+  throw HostError("this build of the host has no FreeType to draw text with");
+#else
   std::lock_guard<std::mutex> lock(gFontMutex);
   if (gFace) return;
   const std::string path = DrawbotFontPath();
@@ -358,6 +370,7 @@ void LoadDrawbotFont() {
     gFace = nullptr;
     throw HostError("FreeType cannot read the font " + path);
   }
+#endif
 }
 
 }  // namespace aehost

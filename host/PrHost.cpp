@@ -1,6 +1,5 @@
 // The stand-in Premiere Pro host: loading, instances, the query loop, the frame
 // array and the renders. The suites it hands the filter are in PrHostSuites.cpp.
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <climits>
@@ -9,6 +8,7 @@
 #include <thread>
 #include <cstring>
 
+#include "ModuleLoad.h"
 #include "PrHostInternal.h"
 
 namespace prhost {
@@ -184,21 +184,20 @@ PrHost::PrHost(const std::string& modulePath, PrHostOptions options) : impl_(std
   effect_ = std::make_unique<aehost::AeHost>(modulePath, effectOptions);
   h.effect = effect_.get();
 
-  h.dl = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!h.dl) throw HostError("cannot load module " + modulePath);
-  h.entry = reinterpret_cast<PrGPUFilterEntry>(dlsym(h.dl, "xGPUFilterEntry"));
+  h.dl = aehost::LoadModule(modulePath);
+  h.entry = reinterpret_cast<PrGPUFilterEntry>(aehost::ModuleSymbol(h.dl, "xGPUFilterEntry"));
   if (!h.entry) {
-    dlclose(h.dl);
+    aehost::UnloadModule(h.dl);
     throw HostError("module " + modulePath + " has no export xGPUFilterEntry");
   }
   if (effect_->SetUp() != 0) {
-    dlclose(h.dl);
+    aehost::UnloadModule(h.dl);
     throw HostError("the effect's global or parameter set-up failed");
   }
   try {
     h.device = OpenDevice(h.options.device);
   } catch (const DeviceError& e) {
-    dlclose(h.dl);
+    aehost::UnloadModule(h.dl);
     throw HostError(e.what());
   }
   RegisterHost(&h);
@@ -221,7 +220,7 @@ PrHost::~PrHost() {
   }
   CloseDevice(h.device);
   UnregisterHost(&h);
-  dlclose(h.dl);
+  aehost::UnloadModule(h.dl);
   effect_.reset();
 }
 
