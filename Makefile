@@ -28,7 +28,7 @@ test: build
 # back null, as without sanitizers, so the effect's own handling of it runs.
 SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
 sanitize: deps
-	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF \
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
 	cmake --build build-sanitize -j $(JOBS)
@@ -40,7 +40,7 @@ sanitize: deps
 # and encodes on threads of its own.
 TSAN_FLAGS = -fsanitize=thread
 tsan: deps
-	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF \
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_C_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
 	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render
@@ -55,7 +55,7 @@ FUZZ_TARGETS = fuzz_frame_stack fuzz_inputs
 FUZZ_FLAGS = -fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer -fno-sanitize-recover=all
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF \
-	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON -DTD_BUILD_FREI0R=OFF \
+	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(FUZZ_FLAGS)" "-DCMAKE_C_FLAGS=$(FUZZ_FLAGS)" \
 	  "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined"
 	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)

@@ -1,7 +1,12 @@
 # td_embed_opencl_text(OUT_VAR KERNEL_CL SYMBOL INCLUDE_DIRS...)
 # Runs the C preprocessor over the OpenCL wrapper of the kernel unit (no host
 # headers, no predefined macros) and embeds the result as a string constant.
-add_executable(embed_kernel_text ${CMAKE_CURRENT_LIST_DIR}/tools/embed_kernel_text.cpp)
+if(CMAKE_CROSSCOMPILING)
+  add_executable(embed_kernel_text IMPORTED)
+  set_target_properties(embed_kernel_text PROPERTIES IMPORTED_LOCATION ${TD_NATIVE_BUILD}/embed_kernel_text)
+else()
+  add_executable(embed_kernel_text ${CMAKE_CURRENT_LIST_DIR}/tools/embed_kernel_text.cpp)
+endif()
 
 function(td_embed_opencl_text out_var kernel_cl symbol)
   set(gen_dir ${CMAKE_BINARY_DIR}/generated)

@@ -13,6 +13,7 @@ packages=(
   frei0r-plugins-dev melt
   libfreetype-dev fonts-dejavu-core
   clang libclang-rt-14-dev
+  g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine
 )
 
 missing=()
