@@ -45,11 +45,12 @@ Args ParseArgs(int argc, char** argv) {
     } else if (arg == "--set") {
       const std::string s = argv[++i];
       const size_t eq = s.find('=');
-      char* end = nullptr;
+      char *end = nullptr, *valueEnd = nullptr;
       const long id = eq == std::string::npos ? 0 : std::strtol(s.c_str(), &end, 10);
-      if (eq == std::string::npos || end != s.c_str() + eq || eq + 1 == s.size())
-        throw std::invalid_argument("--set takes DISKID=VALUE, not " + s);
-      a.settings.emplace_back(static_cast<A_long>(id), std::stod(s.substr(eq + 1)));
+      const double value = eq == std::string::npos ? 0.0 : std::strtod(s.c_str() + eq + 1, &valueEnd);
+      if (eq == std::string::npos || end != s.c_str() + eq || eq + 1 == s.size() || *valueEnd != '\0')
+        throw std::invalid_argument("--set takes DISKID=VALUE with a number, not " + s);
+      a.settings.emplace_back(static_cast<A_long>(id), value);
     } else if (arg.size() > 1 && arg[0] == '-') {
       throw std::invalid_argument("unknown option " + arg);
     } else {
