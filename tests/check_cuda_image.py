@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Holds the CUDA image to what the driver path needs: the module carries its
 bytes; its PTX targets the PTX architecture and names the kernels as the
-driver looks them up; a fat binary holds that PTX and ELF for the SASS
+driver looks them up, with as many parameters as its launches pass; a fat binary holds that PTX and ELF for the SASS
 architecture, nothing else. Arguments: image, module, PTX arch, [SASS arch]."""
 import re
 import struct
@@ -34,9 +34,12 @@ for kind, arch, payload in entries:
         text = payload.decode("ascii", "replace")
         if not re.search(rf"^\.target sm_{ptx_arch}\b", text, re.M):
             errors.append(f"the PTX does not target sm_{ptx_arch}")
-        for name in ("MainKernel", "ResizeKernel", "StackKernel"):
-            if not re.search(rf"\.entry {name}\(", text):
+        for name, count in (("MainKernel", 13), ("ResizeKernel", 11), ("StackKernel", 25)):
+            entry = re.search(rf"\.entry {name}\((.*?)\)", text, re.S)
+            if not entry:
                 errors.append(f"the PTX has no entry {name} under its C name")
+            elif entry.group(1).count(".param") != count:
+                errors.append(f"{name} takes {entry.group(1).count('.param')} parameters, the driver passes {count}")
     elif not payload.startswith(b"\x7fELF"):
         errors.append(f"the sm_{arch} image is not ELF")
 
