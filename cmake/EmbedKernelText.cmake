@@ -36,13 +36,17 @@ function(td_embed_opencl_text out_var kernel_cl symbol)
   set(${out_var} ${cpp} PARENT_SCOPE)
 endfunction()
 
-# td_embed_binary(OUT_VAR FILE SYMBOL): a C++ source defining
+# td_embed_binary(OUT_VAR FILE SYMBOL [CPP]): a C++ source (CPP, else
+# generated/SYMBOL.cpp) defining
 #   extern const unsigned char SYMBOL[]; extern const size_t SYMBOL_size;
 # with the file's bytes, regenerated when the file changes.
 function(td_embed_binary out_var file symbol)
   set(gen_dir ${CMAKE_BINARY_DIR}/generated)
   get_filename_component(stem ${file} NAME_WE)
   set(cpp ${gen_dir}/${symbol}.cpp)
+  if(ARGC GREATER 3)
+    set(cpp ${ARGV3})
+  endif()
   add_custom_command(
     OUTPUT ${cpp}
     COMMAND ${CMAKE_COMMAND} -DIN=${file} -DOUT=${cpp} -DSYMBOL=${symbol} -P ${TD_EMBED_BINARY_SCRIPT}

@@ -1,6 +1,6 @@
 // Launch functions of the CUDA kernels, callable from plain C++. Blocks are
 // blockSize x blockSize on the default stream; each call waits for the device.
-// They report nothing: the caller asks the runtime for its last error.
+// They report nothing: the caller reads the last error (peekAtLastError).
 #ifndef TREMORDISTILLER_CUDALAUNCH_H
 #define TREMORDISTILLER_CUDALAUNCH_H
 

@@ -1,7 +1,7 @@
 // Every OpenCL and CUDA call the effect makes goes through these tables, so a
 // test can put a failing or recording function in any row. By default the rows
-// hold the real runtime functions; the CUDA rows are null in a build without a
-// CUDA toolkit.
+// hold the real functions: OpenCL's, and CUDA's through the driver API
+// (TremorDistiller_CudaDriver.cpp), null in a build without CUDA.
 #ifndef TREMORDISTILLER_GPUCALLS_H
 #define TREMORDISTILLER_GPUCALLS_H
 
@@ -27,8 +27,8 @@ struct OpenCLCalls {
   decltype(&::clReleaseMemObject) releaseMemObject;
 };
 
-// CUDA runtime calls as plain C++ signatures (error codes as int), so nothing
-// outside the CUDA unit needs the toolkit's headers.
+// CUDA calls as plain C++ signatures (error codes as int), in the runtime's
+// shape: errors are read back with peekAtLastError.
 struct CudaCalls {
   int (*malloc)(void** devicePtr, size_t size);
   int (*memcpyHostToDevice)(void* dst, const void* src, size_t size);
@@ -43,8 +43,8 @@ struct CudaCalls {
 OpenCLCalls& GetOpenCLCalls();
 CudaCalls& GetCudaCalls();
 
-// The real CUDA rows: from the CUDA unit where a toolkit was found, else all
-// null, so the pass reports a build without CUDA.
+// The real CUDA rows: through the driver where the build made a CUDA image,
+// else all null, so the pass reports a build without CUDA.
 CudaCalls CudaRuntimeCalls();
 
 #endif

@@ -1,7 +1,7 @@
 /* The effect's kernels, written once. This unit is the OpenCL form: the build
  * preprocesses it into the program text that the module embeds. The CUDA form
  * (TremorDistiller_Kernel.cu) and the CPU reference device include it as is. */
-#if !defined(__CUDACC__) && !defined(GF_DEVICE_TARGET_CPU) && !defined(GF_DEVICE_TARGET_OPENCL)
+#if !defined(__CUDA__) && !defined(__CUDACC__) && !defined(GF_DEVICE_TARGET_CPU) && !defined(GF_DEVICE_TARGET_OPENCL)
 #define GF_DEVICE_TARGET_OPENCL 1
 #endif
 

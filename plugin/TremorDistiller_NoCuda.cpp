@@ -1,4 +1,5 @@
-// A build without a CUDA toolkit: no CUDA rows, so a CUDA pass fails cleanly.
+// A build without CUDA (no clang to make the PTX): no CUDA rows, so a CUDA pass
+// fails cleanly.
 #include "TremorDistiller_GPUCalls.h"
 
 CudaCalls CudaRuntimeCalls() { return CudaCalls{}; }

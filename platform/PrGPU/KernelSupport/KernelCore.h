@@ -4,7 +4,9 @@
  * CPU reference device. It stands in for the hosts' kernel-support headers.
  *
  * Pick the target before including: GF_DEVICE_TARGET_OPENCL or
- * GF_DEVICE_TARGET_CPU; nvcc selects CUDA by itself.
+ * GF_DEVICE_TARGET_CPU; nvcc, or clang compiling CUDA, selects CUDA by itself
+ * (clang without the toolkit's headers, -nocudainc, gets a vocabulary of its
+ * own). CUDA kernels have C names, so the driver finds them by name.
  *
  *   GF_KERNEL                    kernel entry (returns void)
  *   GF_DEVICE_FUNCTION           device function
@@ -36,10 +38,13 @@
 #elif defined(__CUDACC__)
 #define GF_DEVICE_TARGET_CUDA 1
 #include "KernelCore_CUDA.h"
+#elif defined(__CUDA__)
+#define GF_DEVICE_TARGET_CUDA 1
+#include "KernelCore_CUDAClang.h"
 #elif defined(GF_DEVICE_TARGET_CPU)
 #include "KernelCore_CPU.h"
 #else
-#error "Select a kernel target: GF_DEVICE_TARGET_OPENCL or GF_DEVICE_TARGET_CPU, or compile with nvcc"
+#error "Select a kernel target: GF_DEVICE_TARGET_OPENCL or GF_DEVICE_TARGET_CPU, or compile as CUDA"
 #endif
 
 #endif

@@ -5,7 +5,7 @@
 #include <cuda_fp16.h>
 #include <cuda_runtime.h>
 
-#define GF_KERNEL __global__ void
+#define GF_KERNEL extern "C" __global__ void
 #define GF_DEVICE_FUNCTION __device__ inline
 #define GF_ALWAYS_INLINE __attribute__((always_inline))
 #define GF_PTR(T) T*
