@@ -55,22 +55,6 @@ __device__ inline float sin(float x) { return __nvvm_sin_approx_ftz_f(x); }
 __device__ inline float cos(float x) { return __nvvm_cos_approx_ftz_f(x); }
 __device__ inline float pow(float x, float y) { return __nvvm_ex2_approx_ftz_f(y * __nvvm_lg2_approx_ftz_f(x)); }
 
-__device__ inline float2 operator+(float2 a, float2 b) { return make_float2(a.x + b.x, a.y + b.y); }
-__device__ inline float2 operator-(float2 a, float2 b) { return make_float2(a.x - b.x, a.y - b.y); }
-__device__ inline float2 operator*(float2 a, float2 b) { return make_float2(a.x * b.x, a.y * b.y); }
-__device__ inline float2 operator*(float2 a, float s) { return make_float2(a.x * s, a.y * s); }
-__device__ inline float4 operator+(float4 a, float4 b) {
-  return make_float4(a.x + b.x, a.y + b.y, a.z + b.z, a.w + b.w);
-}
-__device__ inline float4 operator-(float4 a, float4 b) {
-  return make_float4(a.x - b.x, a.y - b.y, a.z - b.z, a.w - b.w);
-}
-__device__ inline float4 operator*(float4 a, float4 b) {
-  return make_float4(a.x * b.x, a.y * b.y, a.z * b.z, a.w * b.w);
-}
-__device__ inline float4 operator*(float4 a, float s) { return make_float4(a.x * s, a.y * s, a.z * s, a.w * s); }
-__device__ inline float4 operator/(float4 a, float s) { return make_float4(a.x / s, a.y / s, a.z / s, a.w / s); }
-
 // The 16-bit pattern as in KernelCore_CUDA.h, through the conversions the
 // toolkit's half functions use: a pattern rounded to the nearest half on load,
 // a value rounded to a half and cut to an unsigned integer on store.
@@ -88,26 +72,6 @@ __device__ inline unsigned short gfPatternFromValue(float e) {
   return u;
 }
 
-__device__ inline float gfLoad16x1(const void* p, int i) { return gfPatternValue(((const unsigned short*)p)[i]); }
-__device__ inline float2 gfLoad16x2(const void* p, int i) {
-  ushort2 u = ((const ushort2*)p)[i];
-  return make_float2(gfPatternValue(u.x), gfPatternValue(u.y));
-}
-__device__ inline float4 gfLoad16x4(const void* p, int i) {
-  ushort4 u = ((const ushort4*)p)[i];
-  return make_float4(gfPatternValue(u.x), gfPatternValue(u.y), gfPatternValue(u.z), gfPatternValue(u.w));
-}
-__device__ inline float gfRound16(float v) { return gfPatternValue(gfPatternFromValue(v)); }
-__device__ inline float4 gfRound16x4(float4 v) {
-  return make_float4(gfRound16(v.x), gfRound16(v.y), gfRound16(v.z), gfRound16(v.w));
-}
-__device__ inline void gfStore16x1(float v, int i, void* p) { ((unsigned short*)p)[i] = gfPatternFromValue(v); }
-__device__ inline void gfStore16x2(float2 v, int i, void* p) {
-  ((ushort2*)p)[i] = make_ushort2(gfPatternFromValue(v.x), gfPatternFromValue(v.y));
-}
-__device__ inline void gfStore16x4(float4 v, int i, void* p) {
-  ((ushort4*)p)[i] =
-      make_ushort4(gfPatternFromValue(v.x), gfPatternFromValue(v.y), gfPatternFromValue(v.z), gfPatternFromValue(v.w));
-}
+#include "KernelCore_CUDAShared.h"
 
 #endif
