@@ -114,26 +114,45 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
 /* Pass K of a StackKernel launch, comparing frame K + 1 (FO) with frame K (FN)
  * at the position the pass after it reads. The older frame is the newer one
  * of the pass before, read again only where that pass worked elsewhere. */
-#define STACK_PASS(K, FN, FO)                                                                          \
-  if (K < passes) {                                                                                    \
-    unsigned int cx = x - (K < driftX ? K : driftX);                                                   \
-    unsigned int cy = y - (K < driftY ? K : driftY);                                                   \
-    if (K == passes - 1 || K < drift) prev = readStackFrame(FO, chunk.frame[K + 1], cx, cy, in16f);    \
-    current = readStackFrame(FN, chunk.frame[K], cx, cy, in16f);                                       \
-    float4 fragColor = pairDifference(prev, current, params->diffMode);                                \
-    if (chunk.percent[K] != 0.0f) {                                                                    \
-      float4 intermediate;                                                                             \
-      if (K == passes - 1) {                                                                           \
-        int at = (int)(ownCell(cy, inHeight) * (unsigned int)inDstPitch + ownCell(cx, inWidth));       \
-        intermediate = bgra(readPixel(inIm, at, in16f));                                               \
-      } else {                                                                                         \
-        intermediate = storedPixel(acc, in16f);                                                        \
-      }                                                                                                \
-      fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[K], params->blendMode);          \
-    }                                                                                                  \
-    acc = fragColor;                                                                                   \
-    prev = current;                                                                                    \
+#define STACK_PASS(K, FN, FO, DIFF, BLEND, F16)                                                   \
+  if (K < passes) {                                                                               \
+    unsigned int cx = x - (K < driftX ? K : driftX);                                              \
+    unsigned int cy = y - (K < driftY ? K : driftY);                                              \
+    if (K == passes - 1 || K < drift) prev = readStackFrame(FO, chunk.frame[K + 1], cx, cy, F16); \
+    current = readStackFrame(FN, chunk.frame[K], cx, cy, F16);                                    \
+    float4 fragColor = pairDifference(prev, current, DIFF);                                       \
+    if (chunk.percent[K] != 0.0f) {                                                               \
+      float4 intermediate;                                                                        \
+      if (K == passes - 1) {                                                                      \
+        int at = (int)(ownCell(cy, inHeight) * (unsigned int)inDstPitch + ownCell(cx, inWidth));  \
+        intermediate = bgra(readPixel(inIm, at, F16));                                            \
+      } else {                                                                                    \
+        intermediate = storedPixel(acc, F16);                                                     \
+      }                                                                                           \
+      fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[K], BLEND);                \
+    }                                                                                             \
+    acc = fragColor;                                                                              \
+    prev = current;                                                                               \
   }
+
+/* All passes of a launch, oldest first, for one difference algorithm, blend
+ * mode and pixel form. */
+#define STACK_PASSES(DIFF, BLEND, F16)        \
+  STACK_PASS(14u, f14, f15, DIFF, BLEND, F16) \
+  STACK_PASS(13u, f13, f14, DIFF, BLEND, F16) \
+  STACK_PASS(12u, f12, f13, DIFF, BLEND, F16) \
+  STACK_PASS(11u, f11, f12, DIFF, BLEND, F16) \
+  STACK_PASS(10u, f10, f11, DIFF, BLEND, F16) \
+  STACK_PASS(9u, f9, f10, DIFF, BLEND, F16)   \
+  STACK_PASS(8u, f8, f9, DIFF, BLEND, F16)    \
+  STACK_PASS(7u, f7, f8, DIFF, BLEND, F16)    \
+  STACK_PASS(6u, f6, f7, DIFF, BLEND, F16)    \
+  STACK_PASS(5u, f5, f6, DIFF, BLEND, F16)    \
+  STACK_PASS(4u, f4, f5, DIFF, BLEND, F16)    \
+  STACK_PASS(3u, f3, f4, DIFF, BLEND, F16)    \
+  STACK_PASS(2u, f2, f3, DIFF, BLEND, F16)    \
+  STACK_PASS(1u, f1, f2, DIFF, BLEND, F16)    \
+  STACK_PASS(0u, f0, f1, DIFF, BLEND, F16)
 
 #if STACK_CHUNK_FRAMES != 16
 #error "StackKernel takes sixteen frames"
@@ -167,21 +186,23 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
   float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
   float4 prev = acc;
   float4 current = acc;
-  STACK_PASS(14u, f14, f15)
-  STACK_PASS(13u, f13, f14)
-  STACK_PASS(12u, f12, f13)
-  STACK_PASS(11u, f11, f12)
-  STACK_PASS(10u, f10, f11)
-  STACK_PASS(9u, f9, f10)
-  STACK_PASS(8u, f8, f9)
-  STACK_PASS(7u, f7, f8)
-  STACK_PASS(6u, f6, f7)
-  STACK_PASS(5u, f5, f6)
-  STACK_PASS(4u, f4, f5)
-  STACK_PASS(3u, f3, f4)
-  STACK_PASS(2u, f2, f3)
-  STACK_PASS(1u, f1, f2)
-  STACK_PASS(0u, f0, f1)
+  /* The modes the controls offer on 32-bit frames get a copy of the passes
+   * each, with the modes as constants: a CPU device runs those without a
+   * branch in any pass (a fifth less time on PoCL). Anything else takes the
+   * general copy. */
+  const int diffMode = params->diffMode;
+  const int blendMode = params->blendMode;
+  if (!in16f && diffMode == DIFF_DIFF && blendMode == BLEND_ADD) {
+    STACK_PASSES(DIFF_DIFF, BLEND_ADD, 0)
+  } else if (!in16f && diffMode == DIFF_DIFF && blendMode == BLEND_SCREEN) {
+    STACK_PASSES(DIFF_DIFF, BLEND_SCREEN, 0)
+  } else if (!in16f && diffMode == DIFF_SUBT && blendMode == BLEND_ADD) {
+    STACK_PASSES(DIFF_SUBT, BLEND_ADD, 0)
+  } else if (!in16f && diffMode == DIFF_SUBT && blendMode == BLEND_SCREEN) {
+    STACK_PASSES(DIFF_SUBT, BLEND_SCREEN, 0)
+  } else {
+    STACK_PASSES(diffMode, blendMode, in16f)
+  }
 
   int dstIndex = (int)(y * (unsigned int)inDstPitch + x);
   if (chunk.percent[0] < 1.0f) {
@@ -191,4 +212,5 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
   writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, in16f);
 }
 
+#undef STACK_PASSES
 #undef STACK_PASS
