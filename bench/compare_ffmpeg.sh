@@ -3,11 +3,11 @@
 # tmix=frames=10 and tblend=all_mode=difference on one 1920x1080 clip, on this
 # machine in one run: the median of REPEAT runs of each, and the ratios.
 set -euo pipefail
-build=${1:-build}
+build=$(realpath "${1:-build}")
 cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-export POCL_CACHE_DIR=${POCL_CACHE_DIR:-$PWD/$build/pocl-cache}
+export POCL_CACHE_DIR=${POCL_CACHE_DIR:-$build/pocl-cache}
 mkdir -p "$POCL_CACHE_DIR"
 frames=${FRAMES:-30}
 repeat=${REPEAT:-3}
