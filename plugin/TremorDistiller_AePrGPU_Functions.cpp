@@ -1,5 +1,6 @@
 #include "TremorDistiller_AePrGPU_Functions.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -210,8 +211,16 @@ int32_t RenderStackOpenCL(const KernelList& kernels, cl_context context, cl_comm
   // row, and each row streams every frame of the chunk, so rows side by side
   // multiply the streams its prefetcher must follow. On PoCL a 1080p 10-frame
   // stack took 20.3 ms at 64x4 and 16.3 ms at 128x1 (2160p: 88 and 78 ms).
-  // Items are independent, so the shape changes no value.
-  const OpenCLPass pass = PassOpenCL(cl, queue, kernels, params, m, blockSize * 8, 1, failureCode);
+  // There each item also takes a run of the row's pixels. Items are
+  // independent, so neither changes a value.
+  const unsigned int groupX = blockSize * 8;
+  StackChunk launch = chunk;
+  MainKernelArgs items = m;
+  if (kernels.cpuDevice) {
+    launch.pixelsPerItem = std::max(1, (m.inWidth + static_cast<int32_t>(groupX) - 1) / static_cast<int32_t>(groupX));
+    items.inWidth = (m.inWidth + launch.pixelsPerItem - 1) / launch.pixelsPerItem;
+  }
+  const OpenCLPass pass = PassOpenCL(cl, queue, kernels, params, items, groupX, 1, failureCode);
   cl_mem mems[STACK_CHUNK_FRAMES + 3];
   for (int j = 0; j < STACK_CHUNK_FRAMES; ++j) mems[j] = static_cast<cl_mem>(buffers.frames[j]);
   mems[STACK_CHUNK_FRAMES] = static_cast<cl_mem>(buffers.outIm);
@@ -223,7 +232,7 @@ int32_t RenderStackOpenCL(const KernelList& kernels, cl_context context, cl_comm
   const int32_t ints[4] = {m.inDstPitch, m.in16f, m.inWidth, m.inHeight};
   for (const int32_t& v : ints) args.Add(sizeof(int32_t), &v);
   args.Add(sizeof(cl_mem), &mems[STACK_CHUNK_FRAMES + 2]);
-  args.Add(sizeof(StackChunk), &chunk);
+  args.Add(sizeof(StackChunk), &launch);
   int32_t status = 0;
   {
     std::lock_guard<std::mutex> lock(KernelListLaunchLock(&kernels));
@@ -242,6 +251,9 @@ int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context conte
     return failureCode;
   }
   int32_t result = 0;
+  cl_device_type type = 0;
+  if (cl.getDeviceInfo(device, CL_DEVICE_TYPE, sizeof type, &type, nullptr) != CL_SUCCESS) type = 0;
+  list->cpuDevice = (type & CL_DEVICE_TYPE_CPU) != 0;
   const char* strings[2] = {kOpenCLSourcePrefix, kTremorDistillerKernelText};
   const size_t lengths[2] = {kOpenCLSourcePrefixLength, std::strlen(kTremorDistillerKernelText)};
   cl_int err = CL_SUCCESS;

@@ -5,6 +5,7 @@ OpenCLCalls& GetOpenCLCalls() {
       &::clCreateProgramWithSource,
       &::clBuildProgram,
       &::clGetProgramBuildInfo,
+      &::clGetDeviceInfo,
       &::clReleaseProgram,
       &::clCreateKernel,
       &::clReleaseKernel,

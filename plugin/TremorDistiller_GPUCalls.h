@@ -18,6 +18,7 @@ struct OpenCLCalls {
   decltype(&::clCreateProgramWithSource) createProgramWithSource;
   decltype(&::clBuildProgram) buildProgram;
   decltype(&::clGetProgramBuildInfo) getProgramBuildInfo;
+  decltype(&::clGetDeviceInfo) getDeviceInfo;
   decltype(&::clReleaseProgram) releaseProgram;
   decltype(&::clCreateKernel) createKernel;
   decltype(&::clReleaseKernel) releaseKernel;

@@ -31,8 +31,10 @@ struct KernelEntry {
 };
 
 // Slot 0 MainKernel, slot 1 ResizeKernel, slot 2 StackKernel, by position.
+// cpuDevice: the OpenCL device runs on the CPU (StackKernel's launch shape).
 struct KernelList {
   KernelEntry entries[3];
+  bool cpuDevice;
 };
 
 struct GPUStatusText {

@@ -135,6 +135,38 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
     prev = current;                                                                               \
   }
 
+/* Pass K as STACK_PASS gives it where no pass of the pixel moves (no drift)
+ * and every frame is in place: 32-bit frames, read where they lie. */
+#define STACK_PASS_IN_PLACE(K, FN, FO, DIFF, BLEND)                                              \
+  if (K < passes) {                                                                              \
+    if (K == passes - 1) prev = bgra(FO[y * (unsigned int)chunk.frame[K + 1].pitch + x]);        \
+    current = bgra(FN[y * (unsigned int)chunk.frame[K].pitch + x]);                              \
+    float4 fragColor = pairDifference(prev, current, DIFF);                                      \
+    if (chunk.percent[K] != 0.0f) {                                                              \
+      float4 intermediate = K == passes - 1 ? bgra(inIm[y * (unsigned int)inDstPitch + x]) : acc; \
+      fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[K], BLEND);               \
+    }                                                                                            \
+    acc = fragColor;                                                                             \
+    prev = current;                                                                              \
+  }
+
+#define STACK_PASSES_IN_PLACE(DIFF, BLEND)        \
+  STACK_PASS_IN_PLACE(14u, f14, f15, DIFF, BLEND) \
+  STACK_PASS_IN_PLACE(13u, f13, f14, DIFF, BLEND) \
+  STACK_PASS_IN_PLACE(12u, f12, f13, DIFF, BLEND) \
+  STACK_PASS_IN_PLACE(11u, f11, f12, DIFF, BLEND) \
+  STACK_PASS_IN_PLACE(10u, f10, f11, DIFF, BLEND) \
+  STACK_PASS_IN_PLACE(9u, f9, f10, DIFF, BLEND)   \
+  STACK_PASS_IN_PLACE(8u, f8, f9, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(7u, f7, f8, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(6u, f6, f7, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(5u, f5, f6, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(4u, f4, f5, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(3u, f3, f4, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(2u, f2, f3, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(1u, f1, f2, DIFF, BLEND)    \
+  STACK_PASS_IN_PLACE(0u, f0, f1, DIFF, BLEND)
+
 /* All passes of a launch, oldest first, for one difference algorithm, blend
  * mode and pixel form. */
 #define STACK_PASSES(DIFF, BLEND, F16)        \
@@ -158,15 +190,50 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
 #error "StackKernel takes sixteen frames"
 #endif
 
+/* An item's pixels, each through all passes, then what the launch leaves. */
+#define STACK_PIXELS(DIFF, BLEND, F16)                                                   \
+  for (unsigned int x = x0; x < x1; ++x) {                                               \
+    unsigned int driftX = cellDrift(x, inWidth, passes);                                 \
+    unsigned int drift = driftX > driftY ? driftX : driftY;                              \
+    float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);                                    \
+    float4 prev = acc;                                                                   \
+    float4 current = acc;                                                                \
+    STACK_PASSES(DIFF, BLEND, F16)                                                       \
+    int dstIndex = (int)(y * (unsigned int)inDstPitch + x);                              \
+    if (handsOn)                                                                         \
+      writePixel(bgra(acc), outIm, dstIndex, F16);                                       \
+    else                                                                                 \
+      writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, F16);     \
+  }
+
+/* STACK_PIXELS for a run in which no pixel drifts and every frame lies in
+ * place, on 32-bit frames: no position to work out and no canvas to test,
+ * which took a 1080p 10-frame stack on PoCL from 15.5 to 12 ms. */
+#define STACK_PIXELS_IN_PLACE(DIFF, BLEND)                                              \
+  for (unsigned int x = x0; x < x1; ++x) {                                               \
+    float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);                                    \
+    float4 prev = acc;                                                                   \
+    float4 current = acc;                                                                \
+    STACK_PASSES_IN_PLACE(DIFF, BLEND)                                                   \
+    int dstIndex = (int)(y * (unsigned int)inDstPitch + x);                              \
+    if (handsOn)                                                                         \
+      writePixel(bgra(acc), outIm, dstIndex, 0);                                         \
+    else                                                                                 \
+      writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, 0);       \
+  }
+
 /* Up to fifteen passes in one launch, for stacks in which no pass displaces
- * its read of the accumulation. Each work item follows its pixel through the
+ * its read of the accumulation. Each work item follows its pixels through the
  * passes, oldest first, with the accumulation in registers and every frame
  * read once, and gives what MainKernel launched pass by pass gives: the
  * accumulation still goes through a store and a load between passes, and each
  * pass works where its successor reads (getTexture at a pixel's own uv can
  * land a column or row before it). The oldest pass reads the accumulation
  * handed on in inIm; a launch that does not end the stack leaves its own in
- * outIm. The passes are written out, so that nothing is indexed at run time. */
+ * outIm. The passes are written out, so that nothing is indexed at run time.
+ * An item takes chunk.pixelsPerItem neighbouring pixels of its row (one on a
+ * GPU): on a CPU device the tests of the modes, the row's drift and the
+ * launch's values are then made once for the run instead of per pixel. */
 GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST_PTR(float4) f2,
                       GF_CONST_PTR(float4) f3, GF_CONST_PTR(float4) f4, GF_CONST_PTR(float4) f5,
                       GF_CONST_PTR(float4) f6, GF_CONST_PTR(float4) f7, GF_CONST_PTR(float4) f8,
@@ -175,42 +242,48 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
                       GF_CONST_PTR(float4) f15, GF_PTR(float4) outIm, GF_PTR(float4) outDst,
                       GF_CONST_PTR(KernelData) params, int inDstPitch, int in16f, unsigned int inWidth,
                       unsigned int inHeight, GF_CONST_PTR(float4) inIm, StackChunk chunk) {
-  unsigned int x = GF_GLOBAL_ID_X;
+  unsigned int run = chunk.pixelsPerItem > 1 ? (unsigned int)chunk.pixelsPerItem : 1u;
+  unsigned int x0 = GF_GLOBAL_ID_X * run;
   unsigned int y = GF_GLOBAL_ID_Y;
-  if (x >= inWidth || y >= inHeight) return;
+  if (x0 >= inWidth || y >= inHeight) return;
+  unsigned int x1 = inWidth - x0 > run ? x0 + run : inWidth;
 
   unsigned int passes = (unsigned int)chunk.passes;
-  unsigned int driftX = cellDrift(x, inWidth, passes);
   unsigned int driftY = cellDrift(y, inHeight, passes);
-  unsigned int drift = driftX > driftY ? driftX : driftY;
-  float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
-  float4 prev = acc;
-  float4 current = acc;
+  const bool handsOn = chunk.percent[0] < 1.0f;
+  bool inPlace = !in16f && driftY == 0u;
+  for (int k = 0; k <= chunk.passes; ++k) inPlace = inPlace && !chunk.frame[k].canvas;
+  for (unsigned int x = x0; x < x1; ++x) inPlace = inPlace && ownCell(x, inWidth) == x;
   /* The modes the controls offer on 32-bit frames get a copy of the passes
    * each, with the modes as constants: a CPU device runs those without a
-   * branch in any pass (a fifth less time on PoCL). Anything else takes the
-   * general copy. */
+   * branch in any pass (a fifth less time on PoCL), and a second copy for
+   * runs in place. Anything else takes the general copy. */
   const int diffMode = params->diffMode;
   const int blendMode = params->blendMode;
-  if (!in16f && diffMode == DIFF_DIFF && blendMode == BLEND_ADD) {
-    STACK_PASSES(DIFF_DIFF, BLEND_ADD, 0)
+  if (inPlace && diffMode == DIFF_DIFF && blendMode == BLEND_ADD) {
+    STACK_PIXELS_IN_PLACE(DIFF_DIFF, BLEND_ADD)
+  } else if (inPlace && diffMode == DIFF_DIFF && blendMode == BLEND_SCREEN) {
+    STACK_PIXELS_IN_PLACE(DIFF_DIFF, BLEND_SCREEN)
+  } else if (inPlace && diffMode == DIFF_SUBT && blendMode == BLEND_ADD) {
+    STACK_PIXELS_IN_PLACE(DIFF_SUBT, BLEND_ADD)
+  } else if (inPlace && diffMode == DIFF_SUBT && blendMode == BLEND_SCREEN) {
+    STACK_PIXELS_IN_PLACE(DIFF_SUBT, BLEND_SCREEN)
+  } else if (!in16f && diffMode == DIFF_DIFF && blendMode == BLEND_ADD) {
+    STACK_PIXELS(DIFF_DIFF, BLEND_ADD, 0)
   } else if (!in16f && diffMode == DIFF_DIFF && blendMode == BLEND_SCREEN) {
-    STACK_PASSES(DIFF_DIFF, BLEND_SCREEN, 0)
+    STACK_PIXELS(DIFF_DIFF, BLEND_SCREEN, 0)
   } else if (!in16f && diffMode == DIFF_SUBT && blendMode == BLEND_ADD) {
-    STACK_PASSES(DIFF_SUBT, BLEND_ADD, 0)
+    STACK_PIXELS(DIFF_SUBT, BLEND_ADD, 0)
   } else if (!in16f && diffMode == DIFF_SUBT && blendMode == BLEND_SCREEN) {
-    STACK_PASSES(DIFF_SUBT, BLEND_SCREEN, 0)
+    STACK_PIXELS(DIFF_SUBT, BLEND_SCREEN, 0)
   } else {
-    STACK_PASSES(diffMode, blendMode, in16f)
+    STACK_PIXELS(diffMode, blendMode, in16f)
   }
-
-  int dstIndex = (int)(y * (unsigned int)inDstPitch + x);
-  if (chunk.percent[0] < 1.0f) {
-    writePixel(bgra(acc), outIm, dstIndex, in16f);
-    return;
-  }
-  writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, in16f);
 }
 
+#undef STACK_PIXELS
+#undef STACK_PIXELS_IN_PLACE
+#undef STACK_PASSES_IN_PLACE
+#undef STACK_PASS_IN_PLACE
 #undef STACK_PASSES
 #undef STACK_PASS

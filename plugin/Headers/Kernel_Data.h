@@ -65,6 +65,7 @@ typedef struct StackFrameGeometry {
  * its frames, newest first (pass k compares frame k + 1 with frame k). */
 typedef struct StackChunk {
   int passes;
+  int pixelsPerItem; /* neighbouring pixels of a row per work item; 0 or 1: one */
   float percent[STACK_CHUNK_FRAMES - 1];
   float weight[STACK_CHUNK_FRAMES - 1];
   StackFrameGeometry frame[STACK_CHUNK_FRAMES];
@@ -89,7 +90,7 @@ static_assert(offsetof(KernelData, output) == 436, "KernelData layout");
 static_assert(offsetof(KernelData, normalize) == 440, "KernelData layout");
 static_assert(offsetof(KernelData, motion_amp) == 441, "KernelData layout");
 static_assert(sizeof(KernelData) == 444, "KernelData layout");
-static_assert(sizeof(StackChunk) == 4 + 8 * (STACK_CHUNK_FRAMES - 1) + 24 * STACK_CHUNK_FRAMES, "StackChunk layout");
+static_assert(sizeof(StackChunk) == 8 + 8 * (STACK_CHUNK_FRAMES - 1) + 24 * STACK_CHUNK_FRAMES, "StackChunk layout");
 #endif
 
 #endif
