@@ -182,8 +182,11 @@ void Writer::Impl::OpenEncoder(int w, int h) {
 // 16-bit values go in planes: swscale converts those several times quicker
 // than packed RGBA64.
 void Writer::Impl::OpenColourConversion(int w, int h) {
-  planes16 = NewFrame(AV_PIX_FMT_GBRAP16, w, h);
-  sws = NewScaler(w, h, AV_PIX_FMT_GBRAP16, enc->pix_fmt,
+  // Alpha only where the encoder keeps it: a quarter less to write and convert.
+  const bool alpha = (av_pix_fmt_desc_get(enc->pix_fmt)->flags & AV_PIX_FMT_FLAG_ALPHA) != 0;
+  const AVPixelFormat planes = alpha ? AV_PIX_FMT_GBRAP16 : AV_PIX_FMT_GBRP16;
+  planes16 = NewFrame(planes, w, h);
+  sws = NewScaler(w, h, planes, enc->pix_fmt,
                   SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
   const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
