@@ -186,8 +186,7 @@ void Writer::Impl::OpenColourConversion(int w, int h) {
   const bool alpha = (av_pix_fmt_desc_get(enc->pix_fmt)->flags & AV_PIX_FMT_FLAG_ALPHA) != 0;
   const AVPixelFormat planes = alpha ? AV_PIX_FMT_GBRAP16 : AV_PIX_FMT_GBRP16;
   planes16 = NewFrame(planes, w, h);
-  sws = NewScaler(w, h, planes, enc->pix_fmt,
-                  SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
+  sws = NewScaler(w, h, planes, enc->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
   const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
   sws_setColorspaceDetails(sws.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
