@@ -190,37 +190,28 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
 #error "StackKernel takes sixteen frames"
 #endif
 
-/* An item's pixels, each through all passes, then what the launch leaves. */
-#define STACK_PIXELS(DIFF, BLEND, F16)                                                   \
-  for (unsigned int x = x0; x < x1; ++x) {                                               \
-    unsigned int driftX = cellDrift(x, inWidth, passes);                                 \
-    unsigned int drift = driftX > driftY ? driftX : driftY;                              \
-    float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);                                    \
-    float4 prev = acc;                                                                   \
-    float4 current = acc;                                                                \
-    STACK_PASSES(DIFF, BLEND, F16)                                                       \
-    int dstIndex = (int)(y * (unsigned int)inDstPitch + x);                              \
-    if (handsOn)                                                                         \
-      writePixel(bgra(acc), outIm, dstIndex, F16);                                       \
-    else                                                                                 \
-      writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, F16);     \
+/* An item's pixels, each through PASSES, then what the launch leaves. */
+#define STACK_RUN(PASSES, F16)                                                       \
+  for (unsigned int x = x0; x < x1; ++x) {                                           \
+    float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);                                \
+    float4 prev = acc;                                                               \
+    float4 current = acc;                                                            \
+    PASSES                                                                           \
+    int dstIndex = (int)(y * (unsigned int)inDstPitch + x);                          \
+    if (handsOn)                                                                     \
+      writePixel(bgra(acc), outIm, dstIndex, F16);                                   \
+    else                                                                             \
+      writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, F16); \
   }
+
+#define STACK_PIXELS(DIFF, BLEND, F16)                                                                 \
+  STACK_RUN(unsigned int driftX = cellDrift(x, inWidth, passes);                                       \
+            unsigned int drift = driftX > driftY ? driftX : driftY; STACK_PASSES(DIFF, BLEND, F16), F16)
 
 /* STACK_PIXELS for a run in which no pixel drifts and every frame lies in
  * place, on 32-bit frames: no position to work out and no canvas to test,
  * which took a 1080p 10-frame stack on PoCL from 15.5 to 12 ms. */
-#define STACK_PIXELS_IN_PLACE(DIFF, BLEND)                                              \
-  for (unsigned int x = x0; x < x1; ++x) {                                               \
-    float4 acc = make_float4(0.0f, 0.0f, 0.0f, 0.0f);                                    \
-    float4 prev = acc;                                                                   \
-    float4 current = acc;                                                                \
-    STACK_PASSES_IN_PLACE(DIFF, BLEND)                                                   \
-    int dstIndex = (int)(y * (unsigned int)inDstPitch + x);                              \
-    if (handsOn)                                                                         \
-      writePixel(bgra(acc), outIm, dstIndex, 0);                                         \
-    else                                                                                 \
-      writePixel(bgra(deliveredPixel(acc, current, params)), outDst, dstIndex, 0);       \
-  }
+#define STACK_PIXELS_IN_PLACE(DIFF, BLEND) STACK_RUN(STACK_PASSES_IN_PLACE(DIFF, BLEND), 0)
 
 /* Up to fifteen passes in one launch, for stacks in which no pass displaces
  * its read of the accumulation. Each work item follows its pixels through the
@@ -283,6 +274,7 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
 
 #undef STACK_PIXELS
 #undef STACK_PIXELS_IN_PLACE
+#undef STACK_RUN
 #undef STACK_PASSES_IN_PLACE
 #undef STACK_PASS_IN_PLACE
 #undef STACK_PASSES
