@@ -98,7 +98,9 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
   randomStack.offsets = {{0, 0}, {2, -1}, {0, 0}, {-3, 2}, {0, 0}, {1, 1}};
   Scene stripes(Content::Stripes, 64, 16, 6, is16f, 5, Form());
   // Past one StackKernel launch: the accumulation goes from chunk to chunk.
-  Scene longStack(Content::Random, 32, 16, 50, is16f, 9, Form());
+  // A single-precision reciprocal of 31 or 25 takes some own positions a
+  // column or row back, which both paths must do alike.
+  Scene longStack(Content::Random, 31, 25, 50, is16f, 9, Form());
   for (int i = 0; i < 50; i += 7) longStack.offsets[i] = {i % 3 - 1, 1 - i % 4};
   // Frames in place, wide enough that a CPU device's items take runs of a row.
   Scene wide(Content::Random, 256, 4, 5, is16f, 7, Form());
@@ -126,7 +128,7 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
             // of fast maths: those hold only against the same device's pass-by-pass loop.
             const float tolerance = is16f ? tol.f16 : tol.f32;
             if (blend == BLEND_ADD || blend == BLEND_SCREEN) {
-              EXPECT_LE(Compare(*s, onDevice, RenderReference(*s, kd), s == &stripes ? 1 : 0), tolerance);
+              EXPECT_LE(Compare(*s, onDevice, RenderReference(*s, kd), s == &stripes || s == &longStack), tolerance);
             }
             if (!displaced) {
               EXPECT_LE(Compare(*s, onDevice, RenderOnDevice(*s, kd, false)), tolerance);
