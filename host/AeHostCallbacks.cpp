@@ -162,8 +162,9 @@ PF_Err CheckoutLayer(PF_ProgPtr ref, PF_ParamIndex index, A_long checkoutIdx, co
           frameText = std::to_string(*key);
         }
         const bool pin = b.rec.hasFrame;
+        const A_long pinTime = b.rec.frameTime;
         job->bookings[checkoutIdx] = std::move(b);
-        if (pin) h->Pin(*key);
+        if (pin) h->Pin(pinTime);
       }
     }
   }
