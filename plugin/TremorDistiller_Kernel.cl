@@ -123,12 +123,10 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
     float4 fragColor = pairDifference(prev, current, DIFF);                                       \
     if (chunk.percent[K] != 0.0f) {                                                               \
       float4 intermediate;                                                                        \
-      if (K == passes - 1) {                                                                      \
-        int at = (int)(ownCell(cy, inHeight) * (unsigned int)inDstPitch + ownCell(cx, inWidth));  \
-        intermediate = bgra(readPixel(inIm, at, F16));                                            \
-      } else {                                                                                    \
+      if (K == passes - 1)                                                                        \
+        intermediate = readOwnCell(inIm, cx, cy, inWidth, inHeight, inDstPitch, F16);             \
+      else                                                                                        \
         intermediate = storedPixel(acc, F16);                                                     \
-      }                                                                                           \
       fragColor = applyBlendMode(fragColor, intermediate, chunk.weight[K], BLEND);                \
     }                                                                                             \
     acc = fragColor;                                                                              \

@@ -81,12 +81,10 @@ GF_DEVICE_FUNCTION float4 displacedRead(GF_CONST_PTR(float4) inIm, GF_CONST_PTR(
                                         unsigned int inWidth, unsigned int inHeight, int inPrePitch, int inCurPitch,
                                         int is16Bit, unsigned int x, unsigned int y) {
   /* Without displacement or colour split the flow cannot move the read, so
-   * the flow's nine reads and its arithmetic are skipped. The read is then
-   * getTexture's at the own uv, worked out by ownCell as StackKernel works it
-   * out: under fast maths the compiler may fold x / W * W to x in one form of
-   * the expression and not in another. */
+   * the flow's nine reads and its arithmetic are skipped, and the read is
+   * the one StackKernel makes. */
   if (params->displaceIntensity == 0.0f && !params->chromatic)
-    return bgra(readPixel(inIm, (int)(ownCell(y, inHeight) * (unsigned int)inPrePitch + ownCell(x, inWidth)), is16Bit));
+    return readOwnCell(inIm, x, y, inWidth, inHeight, inPrePitch, is16Bit);
   float2 texel = make_float2(1.0f / (float)inWidth, 1.0f / (float)inHeight);
   float2 flow = getFlow(inPre, inCur, params, inWidth, inHeight, inPrePitch, inCurPitch, is16Bit, x, y);
   float2 st = uv + flow * texel * params->displaceIntensity;

@@ -128,4 +128,12 @@ GF_DEVICE_FUNCTION unsigned int ownCell(unsigned int x, unsigned int size) {
   return cell < size ? cell : size - 1u;
 }
 
+/* getTexture at pixel (x, y)'s own uv. Both kernels read the accumulation
+ * through this one expression: under fast maths the compiler may fold
+ * x / W * W to x in one form of it and not in another. */
+GF_DEVICE_FUNCTION float4 readOwnCell(GF_CONST_PTR(float4) frame, unsigned int x, unsigned int y, unsigned int inWidth,
+                                      unsigned int inHeight, int inPitch, int is16Bit) {
+  return bgra(readPixel(frame, (int)(ownCell(y, inHeight) * (unsigned int)inPitch + ownCell(x, inWidth)), is16Bit));
+}
+
 #endif
