@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "TremorDistiller_Controls.h"
 #include "TremorDistiller_Parameters.h"
 #include "TremorDistiller_SmartRender.h"
 extern "C" {  // the header declares the entry points for C callers
@@ -113,13 +114,5 @@ std::vector<double> DefaultControlValues() {
 double StackOffset(const std::vector<double>& values) { return std::fabs(Value(values, PARAM_FRAMES_OFFSET)); }
 
 void FillKernelData(const std::vector<double>& values, KernelData& kd) {
-  std::memset(&kd, 0, sizeof kd);
-  kd.numFrames = StackLength(Value(values, PARAM_FRAMES));
-  kd.percentEase = PercentEaseFromFade(Value(values, PARAM_FRAMES_FADE));
-  kd.blendMode = static_cast<BlendMode>(PopupFromAE(static_cast<A_long>(Value(values, PARAM_BLENDING_MODE))));
-  kd.diffMode = static_cast<DiffBlendMode>(PopupFromAE(static_cast<A_long>(Value(values, PARAM_DIFFERENCE_ALGORITHM))));
-  kd.output = static_cast<ColorFrom>(PopupFromAE(static_cast<A_long>(Value(values, PARAM_OUTPUT))));
-  kd.normalize = Value(values, PARAM_NORMALIZE) != 0.0;
-  kd.motion_amp = Value(values, PARAM_MOTION_AMPLIFICATION) != 0.0;
-  kd.chromatic = Value(values, PARAM_CHROMATIC_ABERRATION) != 0.0;
+  FillKernelData([&](int32_t diskId) { return Value(values, diskId); }, kd, nullptr);
 }

@@ -12,6 +12,8 @@
 #include <map>
 #include <vector>
 
+#include "TremorDistiller_Schedule.h"
+
 // Frame numbers from frei0r's times.
 class FrameClock {
  public:
@@ -35,8 +37,5 @@ std::vector<int64_t> StackFrameNumbers(int64_t number, int frames, double offset
 // How far back a stack reaches, in frames (the current one included).
 int64_t StackReach(int frames, double offset);
 
-// A host's time units per frame: the stand-in After Effects host's, so that
-// a fractional offset picks the frames tremor-render's renders pick.
-constexpr int32_t kStackTimeStep = 1001;
 
 #endif

@@ -18,9 +18,14 @@ int32_t BufferOf(const FrameStackHost& host, void* frame, void** buffer) {
   return host.deviceBuffer(frame, buffer);
 }
 
+// Bytes of a pixel of a frame: the pass form's, or that of its integers.
+int32_t FramePixelSize(const StackFrame& f, int32_t pixelSize) {
+  return f.depth == FRAME_DEPTH_U8 ? 4 : f.depth == FRAME_DEPTH_U16 ? 8 : pixelSize;
+}
+
 ResizeKernelArgs CanvasArgsFor(const StackFrame& f, int32_t pixelSize, const ResizeKernelArgs& common) {
   ResizeKernelArgs a = common;
-  a.inSrcPitch = f.rowBytes / pixelSize;
+  a.inSrcPitch = f.rowBytes / FramePixelSize(f, pixelSize);
   a.inWidth = f.width;
   a.inHeight = f.height;
   a.inOffsetX = f.offsetX;
@@ -130,8 +135,12 @@ int32_t RunStackChunks(const Render& r) {
       const StackFrame& f = r.job.frames[bottom + j];
       status = FrameBufferOf(r.host, f, &b.frames[j]);
       const ResizeKernelArgs a = CanvasArgsFor(f, r.pixelSize, r.common);
-      chunk.frame[j] = {a.inSrcPitch, f.width, f.height, f.offsetX, f.offsetY, FrameNeedsCanvas(a) ? 1 : 0};
+      chunk.frame[j] = {a.inSrcPitch, f.width, f.height, f.offsetX, f.offsetY, FrameNeedsCanvas(a) ? 1 : 0, f.depth};
     }
+    chunk.levels8 = 255.0f;
+    chunk.levels8Recip = 1.0f / 255.0f;
+    chunk.levels16 = 65535.0f;
+    chunk.levels16Recip = 1.0f / 65535.0f;
     // Oldest first, so the record ends with the launch's newest pass, as
     // after the passes it stands for.
     for (int32_t k = chunk.passes - 1; k >= 0; --k) {
@@ -160,6 +169,13 @@ int32_t RenderFrameStack(const FrameStackJob& job, const FrameStackHost& host) {
   // pair only to hand it between chunks, or, as the pass-by-pass path, for a
   // lone pass to read an empty one; it never needs canvases.
   const bool fused = host.runStack && StackRunsFused(kd);
+  if (!fused) {
+    for (int32_t i = 0; i < kd.numFrames; ++i)
+      if (job.frames[i].depth != FRAME_DEPTH_PASS) {
+        LOG_ERROR_IN("RenderFrameStack", "Frames of integers need StackKernel.");
+        return host.failureCode;
+      }
+  }
   const int32_t scratchCount = !fused ? kScratchCount : (n >= kChunkPasses || n == 0) ? 2 : 0;
   const int32_t pixelSize = job.is16f ? 8 : 16;
   const int32_t outPitch = job.output.rowBytes / pixelSize;

@@ -36,7 +36,8 @@ struct ResizeKernelArgs {
 };
 
 // A frame as the host lends it: an opaque host handle and its geometry.
-// offsetX/offsetY place it on the output's canvas.
+// offsetX/offsetY place it on the output's canvas. A frame of integers
+// (depth other than FRAME_DEPTH_PASS) can only be read by StackKernel.
 struct StackFrame {
   void* frame;
   int32_t width;
@@ -44,6 +45,7 @@ struct StackFrame {
   int32_t rowBytes;
   int32_t offsetX;
   int32_t offsetY;
+  FrameDepth depth = FRAME_DEPTH_PASS;
 };
 
 // Device buffers of one pass. The previous accumulation is read from inIm and

@@ -89,16 +89,43 @@ GF_KERNEL ResizeKernel(GF_CONST_PTR(float4) inSrc, GF_PTR(float4) outDst, int in
   writePixel(fragColor, outDst, (int)(y * (unsigned int)inDstPitch + x), in16f);
 }
 
+/* An integer component of `levels` steps as v / levels in float, exactly: the
+ * product with the reciprocal, corrected once by what it leaves over. */
+GF_DEVICE_FUNCTION float unitFromLevel(float v, float levels, float recip) {
+  float q = v * recip;
+  return fma(fma(-q, levels, v), recip, q);
+}
+
+/* Pixel `index` of a frame of the given depth, in memory order, as the pass's
+ * float or 16-bit frames would hold it; `levels` and `recip` are the chunk's
+ * for that depth. */
+GF_DEVICE_FUNCTION float4 readDepthPixel(GF_CONST_PTR(float4) frame, int index, int depth, int in16f, float levels,
+                                         float recip) {
+  if (depth == FRAME_DEPTH_U8) {
+    GF_CONST_PTR(unsigned char) p = (GF_CONST_PTR(unsigned char))frame + 4 * index;
+    return make_float4(unitFromLevel((float)p[0], levels, recip), unitFromLevel((float)p[1], levels, recip),
+                       unitFromLevel((float)p[2], levels, recip), unitFromLevel((float)p[3], levels, recip));
+  }
+  if (depth == FRAME_DEPTH_U16) {
+    GF_CONST_PTR(unsigned short) p = (GF_CONST_PTR(unsigned short))frame + 4 * index;
+    return make_float4(unitFromLevel((float)p[0], levels, recip), unitFromLevel((float)p[1], levels, recip),
+                       unitFromLevel((float)p[2], levels, recip), unitFromLevel((float)p[3], levels, recip));
+  }
+  return readPixel(frame, index, in16f);
+}
+
 /* A frame of a StackKernel launch at (x, y) of the output's canvas, as a pass
  * reads it: in place, or from its canvas, which the value reaches through a
  * store and a load like any pixel ResizeKernel writes. */
 GF_DEVICE_FUNCTION float4 readStackFrame(GF_CONST_PTR(float4) frame, StackFrameGeometry g, unsigned int x,
-                                         unsigned int y, int in16f) {
-  if (!g.canvas) return bgra(readPixel(frame, (int)(y * (unsigned int)g.pitch + x), in16f));
+                                         unsigned int y, int in16f, float levels, float recip) {
+  if (!g.canvas)
+    return bgra(readDepthPixel(frame, (int)(y * (unsigned int)g.pitch + x), g.depth, in16f, levels, recip));
   int sx = (int)x - g.offsetX;
   int sy = (int)y - g.offsetY;
   float4 v = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
-  if (sx >= 0 && sx < g.width && sy >= 0 && sy < g.height) v = readPixel(frame, sy * g.pitch + sx, in16f);
+  if (sx >= 0 && sx < g.width && sy >= 0 && sy < g.height)
+    v = readDepthPixel(frame, sy * g.pitch + sx, g.depth, in16f, levels, recip);
   return bgra(storedPixel(v, in16f));
 }
 
@@ -118,8 +145,8 @@ GF_DEVICE_FUNCTION unsigned int cellDrift(unsigned int x, unsigned int size, uns
   if (K < passes) {                                                                               \
     unsigned int cx = x - (K < driftX ? K : driftX);                                              \
     unsigned int cy = y - (K < driftY ? K : driftY);                                              \
-    if (K == passes - 1 || K < drift) prev = readStackFrame(FO, chunk.frame[K + 1], cx, cy, F16); \
-    current = readStackFrame(FN, chunk.frame[K], cx, cy, F16);                                    \
+    if (K == passes - 1 || K < drift) prev = readStackFrame(FO, chunk.frame[K + 1], cx, cy, F16, levels, recip); \
+    current = readStackFrame(FN, chunk.frame[K], cx, cy, F16, levels, recip);                                    \
     float4 fragColor = pairDifference(prev, current, DIFF);                                       \
     if (chunk.percent[K] != 0.0f) {                                                               \
       float4 intermediate;                                                                        \
@@ -241,7 +268,8 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
   unsigned int driftY = cellDrift(y, inHeight, passes);
   const bool handsOn = chunk.percent[0] < 1.0f;
   bool inPlace = !in16f && driftY == 0u;
-  for (int k = 0; k <= chunk.passes; ++k) inPlace = inPlace && !chunk.frame[k].canvas;
+  for (int k = 0; k <= chunk.passes; ++k)
+    inPlace = inPlace && !chunk.frame[k].canvas && chunk.frame[k].depth == FRAME_DEPTH_PASS;
   for (unsigned int x = x0; x < x1; ++x) inPlace = inPlace && ownCell(x, inWidth) == x;
   /* The modes the controls offer on 32-bit frames get a copy of the passes
    * each, with the modes as constants: a CPU device runs those without a
@@ -249,6 +277,9 @@ GF_KERNEL StackKernel(GF_CONST_PTR(float4) f0, GF_CONST_PTR(float4) f1, GF_CONST
    * runs in place. Anything else takes the general copy. */
   const int diffMode = params->diffMode;
   const int blendMode = params->blendMode;
+  /* A launch's integer frames share one depth: the newest frame's. */
+  const float levels = chunk.frame[0].depth == FRAME_DEPTH_U16 ? chunk.levels16 : chunk.levels8;
+  const float recip = chunk.frame[0].depth == FRAME_DEPTH_U16 ? chunk.levels16Recip : chunk.levels8Recip;
   if (inPlace && diffMode == DIFF_DIFF && blendMode == BLEND_ADD) {
     STACK_PIXELS_IN_PLACE(DIFF_DIFF, BLEND_ADD)
   } else if (inPlace && diffMode == DIFF_DIFF && blendMode == BLEND_SCREEN) {

@@ -10,11 +10,6 @@
 #include "TremorDistiller.h"
 #include "TremorDistiller_Parameters.h"
 
-A_long FrameCheckoutTime(A_long current_time, A_long time_step, A_long i, float offset) {
-  const float back = static_cast<float>(time_step * i) * offset;
-  return static_cast<A_long>(static_cast<float>(current_time) - back);
-}
-
 void UnionLRect(const PF_LRect& src, PF_LRect& dst) {
   auto empty = [](const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; };
   if (empty(dst)) {
@@ -25,21 +20,6 @@ void UnionLRect(const PF_LRect& src, PF_LRect& dst) {
     if (src.right > dst.right) dst.right = src.right;
     if (src.bottom > dst.bottom) dst.bottom = src.bottom;
   }
-}
-
-A_long StackLength(double framesValue) {
-  // The slider keeps "Frames" within 3 to 50; a host that sends more must not
-  // overrun the 50 frame origins, and frame 0 is always rendered.
-  const double cut = std::trunc(framesValue);
-  if (!(cut >= 1.0)) return 1;
-  if (cut > KERNEL_DATA_MAX_FRAMES) return KERNEL_DATA_MAX_FRAMES;
-  return static_cast<A_long>(cut);
-}
-
-bool ReplaceMissingFrame(PF_EffectWorld** frames, A_long i) {
-  if (i < 1 || frames[i]) return false;
-  frames[i] = frames[i - 1];
-  return true;
 }
 
 namespace {

@@ -35,6 +35,18 @@ struct Picture {
   int64_t pts = kNoTime;    // presentation time in InputInfo::timeBase, as the input gives it
 };
 
+// A frame for the render engine: B, G, R, A in memory order, rows without
+// padding, in the depth the source has (8 or 16-bit integers, else float as
+// Picture has it, Y'CbCr included).
+enum class SampleDepth { Float, U8, U16 };
+struct CompactPicture {
+  int width = 0;
+  int height = 0;
+  SampleDepth depth = SampleDepth::U8;
+  std::vector<uint8_t> pixels;
+  int64_t pts = kNoTime;
+};
+
 struct Rational {
   int num = 0;
   int den = 1;
@@ -83,6 +95,9 @@ class Reader {
   // end); a frame no one will look at need not be converted. Both throw as Next.
   bool Decode(DecodedFrame& frame);
   void Convert(const DecodedFrame& frame, Picture& picture);
+  // The same frame for the engine: values as Convert gives them, once
+  // divided (v/255, v/65535) by whoever reads the integers.
+  void ConvertCompact(const DecodedFrame& frame, CompactPicture& picture);
 
  private:
   struct Impl;

@@ -1,5 +1,6 @@
 // Reading: any video FFmpeg decodes, or an image sequence pattern, as float RGBA.
 #include <algorithm>
+#include <cstring>
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -52,6 +53,7 @@ struct Reader::Impl {
   void ReadInfo(bool sequence);
   const AVFrame& Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr, int64_t frame);
   void Convert(const AVFrame& f, Picture& p, int64_t frame);
+  void ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame);
   bool Decode(AVFrame& out);
 };
 
@@ -159,6 +161,49 @@ void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
   }
 }
 
+void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame) {
+  p.width = f.width;
+  p.height = f.height;
+  const size_t n = static_cast<size_t>(f.width) * f.height;
+  const auto fmt = static_cast<AVPixelFormat>(f.format);
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(fmt);
+  if (!desc) Corrupt(frame);
+  int depth = 0;
+  for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
+  const bool rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
+  if ((desc->flags & AV_PIX_FMT_FLAG_FLOAT) || !rgbLike) {
+    // Float as Convert makes it, in the engine's channel order.
+    thread_local Picture floats;
+    Convert(f, floats, frame);
+    p.pts = floats.pts;
+    p.depth = SampleDepth::Float;
+    p.pixels.resize(n * 4 * sizeof(float));
+    auto* out = reinterpret_cast<float*>(p.pixels.data());
+    const float* in = floats.rgba.data();
+    for (size_t i = 0; i < n; ++i, in += 4, out += 4) out[0] = in[2], out[1] = in[1], out[2] = in[0], out[3] = in[3];
+    return;
+  }
+  p.pts = info.isSequence || f.best_effort_timestamp == AV_NOPTS_VALUE ? kNoTime : f.best_effort_timestamp;
+  // The packed integers Convert divides, red and blue swapped here: swscale
+  // does not convert RGBA64 to BGRA64 by a plain swap.
+  const bool eight = depth <= 8;
+  const AVFrame& packed = Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, false, frame);
+  p.depth = eight ? SampleDepth::U8 : SampleDepth::U16;
+  p.pixels.resize(n * (eight ? 4 : 8));
+  for (int y = 0; y < f.height; ++y) {
+    const uint8_t* in = packed.data[0] + static_cast<ptrdiff_t>(packed.linesize[0]) * y;
+    if (eight) {
+      uint8_t* out = p.pixels.data() + static_cast<size_t>(f.width) * 4 * y;
+      for (int x = 0; x < f.width; ++x, in += 4, out += 4) out[0] = in[2], out[1] = in[1], out[2] = in[0], out[3] = in[3];
+    } else {
+      auto* out = reinterpret_cast<uint16_t*>(p.pixels.data()) + static_cast<size_t>(f.width) * 4 * y;
+      const auto* in16 = reinterpret_cast<const uint16_t*>(in);
+      for (int x = 0; x < f.width; ++x, in16 += 4, out += 4)
+        out[0] = in16[2], out[1] = in16[1], out[2] = in16[0], out[3] = in16[3];
+    }
+  }
+}
+
 bool Reader::Next(Picture& picture) {
   DecodedFrame frame;
   if (!Decode(frame)) return false;
@@ -173,6 +218,10 @@ bool Reader::Decode(DecodedFrame& frame) {
 
 void Reader::Convert(const DecodedFrame& frame, Picture& picture) {
   impl_->Convert(*frame.impl_->frame, picture, frame.impl_->index);
+}
+
+void Reader::ConvertCompact(const DecodedFrame& frame, CompactPicture& picture) {
+  impl_->ConvertCompact(*frame.impl_->frame, picture, frame.impl_->index);
 }
 
 bool Reader::Impl::Decode(AVFrame& out) {

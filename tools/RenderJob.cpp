@@ -23,12 +23,16 @@
 #include <filesystem>
 #include <system_error>
 
+#include "Engine.h"
 #include "FramePipeline.h"
 #include "MediaIO.h"
 #include "OutputStaging.h"
 #include "PrHost.h"
 #include "RenderDevice.h"
 #include "RenderProgress.h"
+#include "SequentialClip.h"
+#include "TremorDistiller_Controls.h"
+#include "TremorDistiller_Schedule.h"
 #include "UISnapshot.h"
 #include "Windows.h"  // the platform layer's temporary folder, as the module sees it
 
@@ -387,6 +391,105 @@ std::string SetUpEffect(ClipHost& clip, aehost::AeHost& host, const Options& o) 
   return host.GpuReady() ? host.DeviceName() : "the effect's software path";
 }
 
+// ---- The engine path ----
+
+// A control's value as the module holds it, through its registered row.
+double ControlValue(aehost::AeHost& host, int32_t diskId) {
+  const PF_ParamDef def = host.ParamValue(ParamIndex(host, diskId));
+  switch (def.param_type) {
+    case PF_Param_FLOAT_SLIDER: return def.u.fs_d.value;
+    case PF_Param_POPUP: return def.u.pd.value;
+    case PF_Param_CHECKBOX: return def.u.bd.value;
+    default: throw Failure("the effect module's control " + std::to_string(diskId) + " has an unknown type");
+  }
+}
+
+// The first input frame any output frame from `k` on needs.
+int64_t FirstNeeded(int64_t k, const KernelData& kd, float offset) {
+  const std::vector<int64_t> stack = StackSourceFrames(k, kd.numFrames, offset, -1);
+  return *std::min_element(stack.begin(), stack.end());
+}
+
+// The engine's float B, G, R, A as the writer's picture, in place.
+media::Picture WriterPicture(std::vector<float>&& bgra, int width, int height, int64_t pts) {
+  for (size_t i = 0; i + 3 < bgra.size(); i += 4) std::swap(bgra[i], bgra[i + 2]);
+  media::Picture p;
+  p.width = width;
+  p.height = height;
+  p.rgba = std::move(bgra);
+  p.pts = pts;
+  return p;
+}
+
+// Output frames first..last through the engine, `jobs` at once; those the
+// clip has. Returns the frames rendered, each handed to `deliver` in order.
+template <typename Deliver>
+int64_t RenderBatchOnEngine(engine::Engine& eng, SequentialClip& clip, int64_t first, int64_t last, int jobs,
+                            SparePixels& spares, Deliver deliver) {
+  int64_t end = first;
+  while (end <= last && clip.Has(end)) ++end;
+  const int64_t count = end - first;
+  std::vector<std::vector<float>> out(static_cast<size_t>(count));
+  std::vector<std::exception_ptr> errors(out.size());
+  auto renderOne = [&](size_t j) {
+    try {
+      out[j] = spares.Take();
+      eng.Render(first + static_cast<int64_t>(j), out[j]);
+    } catch (...) {
+      errors[j] = std::current_exception();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (size_t j = 1; j < out.size() && jobs > 1; ++j) threads.emplace_back(renderOne, j);
+  for (size_t j = 0; j < out.size(); ++j)
+    if (j == 0 || jobs <= 1) renderOne(j);
+  for (auto& t : threads) t.join();
+  for (size_t j = 0; j < out.size(); ++j) {
+    if (errors[j]) std::rethrow_exception(errors[j]);
+    deliver(first + static_cast<int64_t>(j), std::move(out[j]));
+  }
+  return count;
+}
+
+// Engine settings from the module's controls, as the user set them.
+engine::Settings EngineSettings(aehost::AeHost& host, const Options& o) {
+  for (const auto& [id, value] : o.effect) host.SetParamValue(ParamIndex(host, id), value);
+  engine::Settings settings;
+  FillKernelData([&](int32_t id) { return ControlValue(host, id); }, settings.controls, &settings.offset);
+  settings.cacheBytes = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
+  return settings;
+}
+
+struct EngineRun {
+  engine::Engine& eng;
+  SequentialClip& clip;
+  const KernelData& controls;
+  float offset;
+};
+
+// Renders o.start..last through the engine into `sink` (none: the null
+// output); returns the frames rendered.
+int64_t RenderOnEngine(EngineRun& run, const Options& o, int64_t last, int width, int height, FrameSink* sink,
+                       SparePixels& spares, Progress& progress) {
+  int64_t next = o.start;
+  while (next <= last) {
+    CheckInterrupt();
+    const int64_t batchLast = std::min(last, next + o.jobs - 1);
+    const int64_t done = RenderBatchOnEngine(
+        run.eng, run.clip, next, batchLast, o.jobs, spares, [&](int64_t k, std::vector<float>&& pixels) {
+          if (sink)
+            sink->Write(WriterPicture(std::move(pixels), width, height, run.clip.Pts(k)), k);
+          else
+            spares.Give(std::move(pixels));
+        });
+    next += done;
+    if (done == 0) break;  // the clip ended first
+    run.clip.ForgetBefore(FirstNeeded(next, run.controls, run.offset));
+    progress.Update(next - o.start);
+  }
+  return next - o.start;
+}
+
 }  // namespace
 
 std::string LogPath() {
@@ -437,7 +540,90 @@ void RemoveOnSecondSignal(const fs::path& staged, bool add) {
 
 int CaughtSignal() { return gSignal.load(); }
 
+namespace {
+
+void Summary(const Options& o, const Progress& progress, int64_t done, const std::string& deviceName) {
+  if (o.quiet) return;
+  const double s = progress.Seconds();
+  std::fprintf(stderr, "tremor-render: %lld frames in %.1f s (%.1f fps) on %s\n", static_cast<long long>(done), s,
+               s > 0 ? done / s : 0.0, deviceName.c_str());
+}
+
+// The render on the engine: the module only lends its controls (and draws
+// the UI snapshot); frames go straight from the clip to the device.
+int RunEngine(aehost::AeHost& host, const Options& o) {
+  const bool null = o.format == "null";
+  const media::OutputFormat* format = null ? nullptr : &CheckCommand(o);
+  media::Reader reader(o.input);
+  const media::InputInfo info = reader.Info();
+  if (info.frameCount >= 0 && o.start >= info.frameCount) throw Failure(PastTheEnd(o.start, info.frameCount - 1));
+  const engine::Settings settings = EngineSettings(host, o);
+  const std::string deviceText = ResolveDevice(o.device).device;
+  engine::OpenedDevice device(deviceText);
+  int64_t last = o.end >= 0 ? o.end : INT64_MAX;
+  if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
+  last = std::min(last, kLastStackFrame);
+
+  std::unique_ptr<Staging> staging, snapshot;
+  if (!null) staging = std::make_unique<Staging>(o.output, format->sequence);
+  if (!o.uiSnapshot.empty()) snapshot = std::make_unique<Staging>(o.uiSnapshot, false);
+  try {
+    std::unique_ptr<media::Writer> writer;
+    if (!null)
+      writer = std::make_unique<media::Writer>(staging->WriterTarget().string(), *format, info,
+                                               info.hasAudio ? o.input : std::string());
+    Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
+    const auto queued = static_cast<size_t>(std::max(2, o.jobs));
+    SparePixels spares(queued * 2);
+    SequentialClip clip(reader, FirstNeeded(o.start, settings.controls, settings.offset), queued);
+    engine::Engine eng(device.Get(), clip, settings);
+    std::unique_ptr<FrameSink> sink;
+    if (writer) sink = std::make_unique<FrameSink>(*writer, queued, &spares);
+    EngineRun run{eng, clip, settings.controls, settings.offset};
+    int64_t done = 0;
+    try {
+      try {
+        done = RenderOnEngine(run, o, last, info.width, info.height, sink.get(), spares, progress);
+      } catch (const engine::EngineError& e) {
+        const std::string what = e.what();
+        throw Failure(what.rfind("a stack of ", 0) == 0 ? what + " (--memory)"
+                                                         : what + "; see the effect's log at " + LogPath());
+      }
+      if (done == 0 && o.start == 0) throw Failure(o.input + " has no frames");
+      if (done == 0) throw Failure(PastTheEnd(o.start, clip.FrameCount() - 1));
+    } catch (const Interrupted&) {
+      throw;
+    } catch (...) {
+      if (sink) sink->Flush();  // the frames before the failure were written first: their errors come first
+      throw;
+    }
+    std::vector<std::string> files;
+    if (sink) {
+      sink->Flush();
+      writer->Finish();
+      files = writer->Files();
+      writer.reset();
+    }
+    if (snapshot) {
+      // The panel as a host shows it once the effect has the device.
+      if (const PF_Err err = host.SetupDevice(ResolveDevice(o.device))) throw SetUpFailure(err);
+      media::WritePng(snapshot->WriterTarget().string(), DrawUISnapshot(host));
+    }
+    if (staging) staging->Commit(files);
+    if (snapshot) snapshot->Commit({});
+    progress.Finish();
+    Summary(o, progress, done, device.Name() + " (engine)");
+    return 0;
+  } catch (const media::MediaError& e) {
+    const std::string message = staging ? staging->Public(e.what()) : e.what();
+    throw media::MediaError(snapshot ? snapshot->Public(message) : message);
+  }
+}
+
+}  // namespace
+
 int Run(aehost::AeHost& host, const Options& o) {
+  if (o.host == "engine") return RunEngine(host, o);
   const media::OutputFormat& format = CheckCommand(o);
   media::Reader reader(o.input);
   const media::InputInfo info = reader.Info();
@@ -530,11 +716,7 @@ int Run(aehost::AeHost& host, const Options& o) {
     staging.Commit(files);
     if (snapshot) snapshot->Commit({});
     progress.Finish();
-    if (!o.quiet) {
-      const double s = progress.Seconds();
-      std::fprintf(stderr, "tremor-render: %lld frames in %.1f s (%.1f fps) on %s\n", static_cast<long long>(done), s,
-                   s > 0 ? done / s : 0.0, deviceName.c_str());
-    }
+    Summary(o, progress, done, deviceName);
     return 0;
   } catch (const media::MediaError& e) {
     // The user's output, not the hidden temporary.

@@ -32,9 +32,11 @@ struct Options {
   bool listDevices = false, version = false, quiet = false;
   int64_t start = 0, end = -1;
   int jobs = 1;
-  // "aftereffects" or "premiere": which stand-in host's path renders; on
-  // Premiere in "float" (128-bit) or "half" frames.
-  std::string host = "aftereffects", precision = "float";
+  // "engine" (our own, the default), or a module path through a stand-in
+  // host: "aftereffects", or "premiere" in "float" (128-bit) or "half" frames.
+  std::string host = "engine", precision = "float";
+  std::string outputArgument;  // an output given after INPUT, FFmpeg's way
+  std::string format;  // -f: "null" renders and discards, else by the output's extension
   uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
   std::string uiSnapshot;  // a PNG of the effect's custom UI after the render; "" for none
 };

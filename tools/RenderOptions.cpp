@@ -101,6 +101,11 @@ void AddRunOptions(CLI::App& app, Options& o) {
   const std::string outputs = "Output, by extension: " + media::ExtensionList(false, ", ", true) +
                               ", or a pattern ending in " + media::ExtensionList(true, " or ", true);
   app.add_option("-o", o.output, outputs)->type_name("OUTPUT");
+  // FFmpeg's spelling for timing a render without an encoder: -f null -
+  app.add_option("OUTPUT", o.outputArgument, "The output, as after -o; '-' with -f null")->type_name("");
+  app.add_option("-f", o.format, "Output format: null renders and discards every frame")
+      ->check(CLI::IsMember({"null"}))
+      ->type_name("FORMAT");
 
   app.add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE] or cuda[:N]")
       ->capture_default_str()
@@ -114,8 +119,10 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::Range(1, 64))
       ->capture_default_str()
       ->group("Run");
-  app.add_option("--host", o.host, "Host path: aftereffects, or premiere (its GPU filter; whole-frame offsets)")
-      ->check(CLI::IsMember({"aftereffects", "premiere"}))
+  app.add_option("--host", o.host,
+                 "Who renders: engine (ours), or the module through a host: aftereffects, or premiere (its GPU "
+                 "filter; whole-frame offsets)")
+      ->check(CLI::IsMember({"engine", "aftereffects", "premiere"}))
       ->capture_default_str()
       ->group("Run");
   app.add_option("--precision", o.precision, "Frames on the premiere host: float (128-bit) or half")

@@ -1,5 +1,6 @@
-// tremor-render: renders a clip through the built effect module, loaded by the
-// stand-in After Effects host; the effect's code is never linked in here.
+// tremor-render: renders a clip on the engine, or through the built effect
+// module loaded by a stand-in host (--host). The module is loaded either way:
+// its registered controls give the options their ranges and defaults.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "AeHost.h"
+#include "LogsController.h"
 #include "MediaIO.h"
 #include "RenderDevice.h"
 #include "RenderJob.h"
@@ -43,6 +45,9 @@ int main(int argc, char** argv) {
   std::unique_ptr<aehost::AeHost> host;
   std::string moduleError;
   std::vector<render::EffectInput> effect;
+  // The engine logs where the module does; the module's set-up, which comes
+  // next, starts the file afresh.
+  LoggerInit(kLogFileStem, kLogFolderName);
   try {
     host = render::LoadEffect();
     render::AddEffectOptions(app, *host, effect);
@@ -74,6 +79,16 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     return Fail(e.what());
   }
+  if (!o.outputArgument.empty()) {
+    if (!o.output.empty() && o.output != o.outputArgument)
+      return Fail("two outputs given: -o " + o.output + " and " + o.outputArgument, 2);
+    o.output = o.outputArgument;
+  }
+  if (o.format == "null") {
+    if (o.output.empty()) o.output = "-";
+    if (o.output != "-") return Fail("-f null writes nothing: give '-' as its output", 2);
+    if (o.host != "engine") return Fail("-f null renders on the engine only", 2);
+  }
   if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
   if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
   // After Effects hands the effect 128-bit frames only.
@@ -84,7 +99,8 @@ int main(int argc, char** argv) {
     return Fail(e.what(), 2);
   }
   // The output is published by renaming over what is there: never over the input.
-  if (const std::string shared = media::FileSharedByInputAndOutput(o.input, o.output); !shared.empty())
+  if (const std::string shared = o.format == "null" ? "" : media::FileSharedByInputAndOutput(o.input, o.output);
+      !shared.empty())
     return Fail("output '" + o.output + "' would overwrite the input file '" + shared + "'", 2);
   if (!host) return Fail(moduleError);
 

@@ -25,6 +25,10 @@ KERNEL_ENUM(BlendMode){BLEND_NONE = 0,         BLEND_ADD = 1,           BLEND_SC
                        BLEND_LINEAR_LIGHT = 8, BLEND_PIN_LIGHT = 9,     BLEND_HARD_MIX = 10};
 KERNEL_ENUM(DiffBlendMode){DIFF_NONE = 0, DIFF_DIFF = 1, DIFF_SUBT = 2};
 KERNEL_ENUM(ColorFrom){FROM_NONE = 0, FROM_MOTION = 1, FROM_SOURCE = 2, FROM_LUMA = 3};
+/* How a StackKernel frame holds its pixels: in the pass's own form (float,
+ * or 16-bit where in16f), or as integers of 8 or 16 bits that the kernel
+ * turns into v/255 and v/65535, exactly as a host converting them would. */
+KERNEL_ENUM(FrameDepth){FRAME_DEPTH_PASS = 0, FRAME_DEPTH_U8 = 1, FRAME_DEPTH_U16 = 2};
 
 #undef KERNEL_ENUM
 
@@ -50,7 +54,8 @@ typedef struct KernelData {
 #define STACK_CHUNK_FRAMES 16
 
 /* Where a frame of a StackKernel launch lies: used in place (canvas 0, then
- * pitch is the output's), or placed on the output's canvas at its offset. */
+ * pitch is the output's), or placed on the output's canvas at its offset.
+ * The pitch counts pixels of the frame's own depth. */
 typedef struct StackFrameGeometry {
   int pitch;
   int width;
@@ -58,6 +63,7 @@ typedef struct StackFrameGeometry {
   int offsetX;
   int offsetY;
   int canvas;
+  int depth; /* a FrameDepth */
 } StackFrameGeometry;
 
 /* What a StackKernel launch needs beyond KernelData, passed by value: its
@@ -69,6 +75,12 @@ typedef struct StackChunk {
   float percent[STACK_CHUNK_FRAMES - 1];
   float weight[STACK_CHUNK_FRAMES - 1];
   StackFrameGeometry frame[STACK_CHUNK_FRAMES];
+  /* 255 and 65535 and their reciprocals, for integer frames: handed in at run
+   * time so that no compiler folds the exact division's correction away. */
+  float levels8;
+  float levels8Recip;
+  float levels16;
+  float levels16Recip;
 } StackChunk;
 
 #if defined(__cplusplus) && !defined(GF_DEVICE_TARGET_OPENCL)
@@ -90,7 +102,8 @@ static_assert(offsetof(KernelData, output) == 436, "KernelData layout");
 static_assert(offsetof(KernelData, normalize) == 440, "KernelData layout");
 static_assert(offsetof(KernelData, motion_amp) == 441, "KernelData layout");
 static_assert(sizeof(KernelData) == 444, "KernelData layout");
-static_assert(sizeof(StackChunk) == 8 + 8 * (STACK_CHUNK_FRAMES - 1) + 24 * STACK_CHUNK_FRAMES, "StackChunk layout");
+static_assert(sizeof(FrameDepth) == 4, "enums are 32-bit");
+static_assert(sizeof(StackChunk) == 8 + 8 * (STACK_CHUNK_FRAMES - 1) + 28 * STACK_CHUNK_FRAMES + 16, "StackChunk layout");
 #endif
 
 #endif

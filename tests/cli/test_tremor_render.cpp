@@ -137,7 +137,10 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --device opencl:9.9", 1, "no device opencl:9.9 (see --list-devices)"},
       {in + "out.%04d.exr --device quantum", 2, "bad --device 'quantum'"},
       {in + "out.%04d.exr --frames 2", 2, "--frames: value 2 is outside 3..50 (see --help)"},
-      {in + "out.%04d.exr --frames 5 --frames-offset 2 --memory 100K", 1,
+      {in + "out.%04d.exr --frames 5 --frames-offset 2 --memory 20K", 1,
+       "a stack of 5 frames of 64x32 needs 40.0 KiB (8.0 KiB a frame on the device); the memory budget is 20.0 KiB "
+       "(--memory)"},
+      {in + "out.%04d.exr --frames 5 --frames-offset 2 --memory 100K --host aftereffects", 1,
        "a stack of 5 frames of 64x32 needs 0.3 MiB (0.1 MiB a frame, with its device copy); the memory budget is "
        "0.1 MiB (--memory)"},
       {in + "out.%04d.exr --frames-offset -100.5", 2, "--frames-offset: value -100.5 is outside -100..100"},
@@ -145,7 +148,7 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --blending-mode multiply", 2, "--blending-mode: multiply not in {add,screen}"},
       {in + "out.%04d.exr --host premiere --precision half --frames-offset 1.5", 0,
        "premiere host steps whole frames; --frames-offset 1.5 counts as 1", 12},
-      {in + "out.%04d.exr --host other", 2, "--host: other not in {aftereffects,premiere}"},
+      {in + "out.%04d.exr --host other", 2, "--host: other not in {engine,aftereffects,premiere}"},
       {in + "out.%04d.exr --precision half", 2, "--precision half needs --host premiere"},
       {in + "out.%04d.exr --jobs 0", 2, "--jobs"},
       {in + "out.%04d.exr --start -1", 2, "--start: Value -1 not in range 0 to 2147483647 (see --help)"},

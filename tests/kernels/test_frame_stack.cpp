@@ -149,6 +149,18 @@ TEST(FrameStackLoop, FailuresStopTheWorkAndScratchIsAlwaysDisposed) {
   }
 }
 
+// Only StackKernel reads integer frames: without it (or with a displaced
+// mode) such a stack is refused before anything is made.
+TEST(FrameStackLoop, IntegerFramesNeedStackKernel) {
+  LogCapture log;
+  RecordingHost host;
+  FakeJob fj(host, 3);
+  fj.job.frames[2].depth = FRAME_DEPTH_U8;
+  EXPECT_EQ(RenderFrameStack(fj.job, host.Ops()), 512);
+  EXPECT_EQ(log.Count(":RenderFrameStack] :: Frames of integers need StackKernel.\n"), 1u) << log.All();
+  EXPECT_EQ(host.created, 0);
+}
+
 // ---- Whole renders on the CPU reference device ----
 
 struct Render {

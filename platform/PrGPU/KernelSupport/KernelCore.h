@@ -27,7 +27,7 @@
  *   gfRound16x4                  a 16-bit store and load in one, in registers
  *
  * Kernel code never redefines or wraps standard math names: float overloads of
- * pow, sqrt, fabs, fmin, fmax, cos and sin exist on all three targets, and
+ * pow, sqrt, fabs, fmin, fmax, fma, cos and sin exist on all three targets, and
  * literals carry an f suffix so that the CPU build stays in single precision.
  */
 #ifndef GF_KERNEL_CORE_H

@@ -50,6 +50,7 @@ __device__ inline ushort4 make_ushort4(unsigned short x, unsigned short y, unsig
 __device__ inline float fabs(float x) { return __nvvm_fabs_ftz_f(x); }
 __device__ inline float fmin(float a, float b) { return __nvvm_fmin_ftz_f(a, b); }
 __device__ inline float fmax(float a, float b) { return __nvvm_fmax_ftz_f(a, b); }
+__device__ inline float fma(float a, float b, float c) { return __nvvm_fma_rn_ftz_f(a, b, c); }
 __device__ inline float sqrt(float x) { return __nvvm_sqrt_approx_ftz_f(x); }
 __device__ inline float sin(float x) { return __nvvm_sin_approx_ftz_f(x); }
 __device__ inline float cos(float x) { return __nvvm_cos_approx_ftz_f(x); }

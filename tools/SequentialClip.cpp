@@ -1,0 +1,179 @@
+#include "SequentialClip.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace render {
+namespace {
+
+FrameDepth EngineDepth(media::SampleDepth d) {
+  return d == media::SampleDepth::U8 ? FRAME_DEPTH_U8 : d == media::SampleDepth::U16 ? FRAME_DEPTH_U16 : FRAME_DEPTH_PASS;
+}
+
+void ToSource(media::CompactPicture&& from, engine::SourcePicture& to) {
+  to.width = from.width;
+  to.height = from.height;
+  to.depth = EngineDepth(from.depth);
+  to.pixels = std::move(from.pixels);
+}
+
+}  // namespace
+
+SequentialClip::SequentialClip(media::Reader& reader, int64_t from, size_t ahead)
+    : reader_(reader), from_(std::max<int64_t>(0, from)), ahead_(std::max<size_t>(1, ahead)) {
+  convertNext_ = from_;
+  decoder_ = std::thread([this] { DecodeLoop(); });
+  converter_ = std::thread([this] { ConvertLoop(); });
+}
+
+SequentialClip::~SequentialClip() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  decoder_.join();
+  converter_.join();
+}
+
+bool SequentialClip::Wanted(int64_t k) const {
+  return k <= std::max(asked_, from_) + static_cast<int64_t>(ahead_);
+}
+
+void SequentialClip::DecodeLoop() {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait(lock, [&] { return stopping_ || decodedUpTo_ < from_ || Wanted(decodedUpTo_); });
+      if (stopping_) return;
+    }
+    media::DecodedFrame frame;
+    bool got = false;
+    std::exception_ptr error;
+    try {
+      got = reader_.Decode(frame);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!got) {
+      error_ = error;
+      ended_ = true;
+      changed_.notify_all();
+      return;
+    }
+    const int64_t k = decodedUpTo_++;
+    // Frames before the first stack's reach are only decoded: later frames need them.
+    if (k >= from_ && k >= forgotten_) decoded_.emplace(k, std::move(frame));
+    changed_.notify_all();
+  }
+}
+
+void SequentialClip::ConvertLoop() {
+  for (;;) {
+    int64_t k = 0;
+    const media::DecodedFrame* frame = nullptr;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait(lock, [&] {
+        return stopping_ || (ended_ && convertNext_ >= decodedUpTo_) ||
+               (decoded_.count(convertNext_) && Wanted(convertNext_)) || convertNext_ < forgotten_;
+      });
+      if (stopping_ || (ended_ && convertNext_ >= decodedUpTo_)) return;
+      k = convertNext_++;
+      auto it = decoded_.find(k);
+      if (it == decoded_.end() || converted_.count(k)) continue;
+      frame = &it->second;
+      converting_ = k;
+    }
+    media::CompactPicture picture;
+    std::exception_ptr error;
+    try {
+      std::lock_guard<std::mutex> convert(convertMutex_);
+      reader_.ConvertCompact(*frame, picture);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    converting_ = -1;
+    if (error) {
+      // Nothing after a frame that cannot be read: the clip ends there.
+      error_ = error;
+      ended_ = true;
+      decodedUpTo_ = std::min(decodedUpTo_, k);
+      changed_.notify_all();
+      return;
+    }
+    pts_[k] = picture.pts;
+    converted_.emplace(k, std::move(picture));
+    changed_.notify_all();
+  }
+}
+
+int64_t SequentialClip::FrameCount() const {
+  const int64_t known = reader_.Info().frameCount;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (ended_) return decodedUpTo_;
+  return known;
+}
+
+bool SequentialClip::Has(int64_t k) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  asked_ = std::max(asked_, k);
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return decodedUpTo_ > k || ended_ || stopping_; });
+  if (decodedUpTo_ > k) return true;
+  if (error_) std::rethrow_exception(error_);
+  return false;
+}
+
+bool SequentialClip::Fetch(int64_t k, engine::SourcePicture& picture) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (k < from_ || k < forgotten_)
+    throw std::logic_error("frame " + std::to_string(k) + " was asked for after it was let go");
+  asked_ = std::max(asked_, k);
+  changed_.notify_all();
+  changed_.wait(lock, [&] {
+    return stopping_ || converted_.count(k) || (decoded_.count(k) && convertNext_ > k && converting_ != k) ||
+           (ended_ && k >= decodedUpTo_);
+  });
+  if (auto it = converted_.find(k); it != converted_.end()) {
+    ToSource(std::move(it->second), picture);
+    converted_.erase(it);
+    return true;
+  }
+  if (auto it = decoded_.find(k); it != decoded_.end()) {
+    // Handed over once already: converted again from its decoded form.
+    const media::DecodedFrame* frame = &it->second;
+    lock.unlock();
+    media::CompactPicture again;
+    {
+      std::lock_guard<std::mutex> convert(convertMutex_);
+      reader_.ConvertCompact(*frame, again);
+    }
+    ToSource(std::move(again), picture);
+    return true;
+  }
+  if (error_) std::rethrow_exception(error_);
+  return false;
+}
+
+void SequentialClip::ForgetBefore(int64_t k) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (k <= forgotten_) return;
+  forgotten_ = k;
+  decoded_.erase(decoded_.begin(), decoded_.lower_bound(std::min(k, converting_ < 0 ? k : converting_)));
+  converted_.erase(converted_.begin(), converted_.lower_bound(k));
+  pts_.erase(pts_.begin(), pts_.lower_bound(k));
+  changed_.notify_all();
+}
+
+int64_t SequentialClip::Pts(int64_t k) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = pts_.find(k);
+  return it == pts_.end() ? media::kNoTime : it->second;
+}
+
+}  // namespace render
