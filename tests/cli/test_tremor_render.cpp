@@ -339,6 +339,31 @@ TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
   EXPECT_TRUE(Render("", In("in.%04d.png"), "out.mkv") == Render("--jobs 3", In("in.%04d.png"), "out.mkv"));
 }
 
+// The engine and the module paths give the same bytes; -f null renders
+// every frame and writes nothing.
+TEST_F(TremorRender, TheEngineGivesTheModulePathsPictures) {
+  for (const std::string effect : {"", "--frames 5 --frames-offset 1.5 --output luma", "--frames 4 --frames-offset -2",
+                                   "--motion-amplification --frames 3"}) {
+    SCOPED_TRACE(effect);
+    const auto engine = Render(effect);
+    ASSERT_EQ(engine.size(), 12u);
+    EXPECT_TRUE(Render(effect + " --host aftereffects") == engine);
+  }
+  // Premiere takes the clip's first frame where a stack reaches before it:
+  // the same picture once the stack lies inside the clip.
+  const auto premiere = Render("--frames 5 --frames-offset 2 --host premiere");
+  const auto engine = Render("--frames 5 --frames-offset 2");
+  for (const char* name : {"out.0008.exr", "out.0011.exr"}) EXPECT_TRUE(premiere.at(name) == engine.at(name)) << name;
+  EXPECT_FALSE(premiere.at("out.0001.exr") == engine.at("out.0001.exr"));
+
+  const fs::path dir = OutDir("null");
+  const Result r = RunCli(dir, In("in.%04d.png") + " -f null -");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("12 frames in"), std::string::npos) << r.err;
+  EXPECT_TRUE(Names(dir).empty());
+  EXPECT_EQ(RunCli(dir, In("in.%04d.png") + " -f null out.mp4").code, 2);
+}
+
 // ---- EXR in and out against the frame-stack loop on the CPU reference ----
 
 constexpr int kFrames = 14;
