@@ -57,7 +57,7 @@ OpenedDevice::~OpenedDevice() {
 // A frame on the device, or on its way there. `exists` false: the clip has
 // no such frame. Renders hold the record while they use the buffer.
 struct Engine::Held {
-  DeviceBuffer buffer{nullptr, DeviceBufferDeleter{nullptr}};
+  std::shared_ptr<void> buffer;
   bool ready = false, exists = false;
   std::string error;
   uint64_t lastUse = 0;
@@ -99,7 +99,31 @@ Engine::Engine(const EngineDevice& device, ClipSource& source, const Settings& s
       settings_(settings),
       fused_(device.stackKernel && StackRunsFused(settings.controls)) {}
 
-Engine::~Engine() = default;
+Engine::~Engine() {
+  held_.clear();
+  for (auto& [bytes, buffers] : spare_)
+    for (void* b : buffers) device_.device->kind->release(*device_.device, b);
+}
+
+std::shared_ptr<void> Engine::Buffer(size_t bytes) {
+  void* b = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(spareMutex_);
+    auto& spares = spare_[bytes];
+    if (!spares.empty()) b = spares.back(), spares.pop_back();
+  }
+  if (!b) b = device_.device->kind->allocate(*device_.device, bytes);
+  return std::shared_ptr<void>(b, [this, bytes](void* gone) {
+    std::lock_guard<std::mutex> lock(spareMutex_);
+    spare_[bytes].push_back(gone);
+  });
+}
+
+void Engine::ForgetBefore(int64_t k) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = held_.begin(); it != held_.end() && it->first < k;)
+    it = it->second->ready ? held_.erase(it) : std::next(it);
+}
 
 std::vector<int64_t> Engine::StackFrames(int64_t k) const {
   return StackSourceFrames(k, settings_.controls.numFrames, settings_.offset, source_.FrameCount());
@@ -116,7 +140,6 @@ std::shared_ptr<Engine::Held> Engine::Hold(int64_t k) {
     return h;
   }
   auto h = std::make_shared<Held>();
-  h->buffer = DeviceBuffer(nullptr, DeviceBufferDeleter{device_.device});
   held_[k] = h;
   lock.unlock();
 
@@ -146,7 +169,7 @@ std::shared_ptr<Engine::Held> Engine::Hold(int64_t k) {
                             ", unlike the clip's " + Size(width_, height_));
         if (depth != depth_) throw EngineError("frame " + std::to_string(k) + " changes the clip's pixel depth");
       }
-      h->buffer.reset(device_.device->kind->allocate(*device_.device, size));
+      h->buffer = Buffer(size);
       device_.device->kind->upload(*device_.device, h->buffer.get(), bytes, size);
     }
   } catch (const std::exception& e) {
@@ -217,13 +240,22 @@ void Engine::Render(int64_t k, std::vector<float>& out) {
   const auto rowBytes = static_cast<int32_t>(w * PixelBytes(depth_));
   for (const auto& f : frames) job.frames.push_back({f->buffer.get(), w, h, rowBytes, 0, 0, depth_});
   const size_t outBytes = static_cast<size_t>(w) * h * 16;
-  DeviceBuffer output = AllocateDeviceBuffer(*device_.device, outBytes);
+  const std::shared_ptr<void> output = Buffer(outBytes);
   // A one-frame stack leaves the output as it was given.
   if (kd.numFrames < 2) device_.device->kind->fill(*device_.device, output.get(), 0, outBytes);
   job.output = {output.get(), w, h, w * 16, 0, 0};
   job.is16f = false;
   job.kernelData = &kd;
-  const FrameStackHost host = device_.frameStackHost(job);
+  FrameStackHost host = device_.frameStackHost(job);
+  // Scratch of the output's size from the engine's spares.
+  std::vector<std::shared_ptr<void>> scratch;
+  host.createScratch = [&](int32_t, int32_t, bool clear, void** out) -> int32_t {
+    scratch.push_back(Buffer(outBytes));
+    *out = scratch.back().get();
+    if (clear) device_.device->kind->fill(*device_.device, *out, 0, outBytes);
+    return 0;
+  };
+  host.disposeScratch = [](void*) -> int32_t { return 0; };
   if (const int32_t status = RenderFrameStack(job, host))
     throw EngineError("the render of frame " + std::to_string(k) + " failed with status " + std::to_string(status));
   out.resize(static_cast<size_t>(w) * h * 4);

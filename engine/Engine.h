@@ -104,10 +104,16 @@ class Engine {
   uint64_t Fetches() const;
   // Device bytes one held frame takes.
   uint64_t HeldFrameBytes();
+  // No output frame will be asked for whose stack reaches before input
+  // frame k: the frames before it can go (a front end rendering in order).
+  void ForgetBefore(int64_t k);
 
  private:
   struct Held;
   std::shared_ptr<Held> Hold(int64_t k);
+  // Device buffers of one size come back for reuse: fresh ones cost a page
+  // fault every 4 KiB on a CPU device, every frame.
+  std::shared_ptr<void> Buffer(size_t bytes);
   void Evict(int64_t keep);
   void CheckStackFits();
 
@@ -118,6 +124,8 @@ class Engine {
   mutable std::mutex mutex_;
   std::condition_variable arrived_;
   std::map<int64_t, std::shared_ptr<Held>> held_;
+  std::mutex spareMutex_;
+  std::map<size_t, std::vector<void*>> spare_;  // by size
   uint64_t clock_ = 0, fetches_ = 0;
   int width_ = 0, height_ = 0;
   FrameDepth depth_ = FRAME_DEPTH_U8;

@@ -404,10 +404,17 @@ double ControlValue(aehost::AeHost& host, int32_t diskId) {
   }
 }
 
-// The first input frame any output frame from `k` on needs.
+// The first input frame any output frame from `k` on needs: the oldest
+// time k's stack asks for (later stacks ask for none older), or the clip's
+// start, whose frame stands in for anything before it.
 int64_t FirstNeeded(int64_t k, const KernelData& kd, float offset) {
-  const std::vector<int64_t> stack = StackSourceFrames(k, kd.numFrames, offset, -1);
-  return *std::min_element(stack.begin(), stack.end());
+  const auto now = static_cast<int32_t>(k * kStackTimeStep);
+  int64_t first = k;
+  for (int32_t i = 1; i < kd.numFrames; ++i) {
+    const int32_t t = FrameCheckoutTime(now, kStackTimeStep, i, offset);
+    first = std::min<int64_t>(first, t >= 0 ? t / kStackTimeStep : 0);
+  }
+  return first;
 }
 
 // The engine's float B, G, R, A as the writer's picture, in place.
@@ -484,7 +491,9 @@ int64_t RenderOnEngine(EngineRun& run, const Options& o, int64_t last, int width
         });
     next += done;
     if (done == 0) break;  // the clip ended first
-    run.clip.ForgetBefore(FirstNeeded(next, run.controls, run.offset));
+    const int64_t needed = FirstNeeded(next, run.controls, run.offset);
+    run.eng.ForgetBefore(needed);
+    run.clip.ForgetBefore(needed);
     progress.Update(next - o.start);
   }
   return next - o.start;
