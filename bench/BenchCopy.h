@@ -19,13 +19,14 @@ enum class StackPath : int64_t {
   Passes = 0,     // pass by pass, default settings
   Fused = 1,      // StackKernel launches, default settings
   Amplified = 2,  // pass by pass with motion amplification, which needs it
+  FusedBytes = 3, // StackKernel launches on 8-bit frames, as the engine holds them
 };
 
 // 1080p and 2160p stacks of 2 and 10 frames, by every path.
 inline void StackArgs(benchmark::internal::Benchmark* b) {
   for (int64_t size : {1080, 2160})
     for (int64_t frames : {2, 10})
-      for (int64_t path : {0, 1, 2}) b->Args({size * 16 / 9, size, frames, path});
+      for (int64_t path : {0, 1, 2, 3}) b->Args({size * 16 / 9, size, frames, path});
 }
 
 // Frame-sized buffers a path reads or writes for one stack. A pass reads its
@@ -36,7 +37,7 @@ inline void StackArgs(benchmark::internal::Benchmark* b) {
 inline int64_t StackFrameBuffers(int64_t numFrames, StackPath path) {
   const int64_t passes = numFrames - 1;
   const int64_t lonePair = passes == 1 ? 2 : 0;
-  if (path == StackPath::Fused) {
+  if (path == StackPath::Fused || path == StackPath::FusedBytes) {
     const int64_t chunks = (passes + STACK_CHUNK_FRAMES - 2) / (STACK_CHUNK_FRAMES - 1);
     return numFrames + 1 + 2 * (chunks - 1) + lonePair;
   }
@@ -73,7 +74,10 @@ inline double HostCopyBytesPerSecond() {
 // Bytes moved per stack, the rate achieved and its fraction of the copy rate.
 inline void SetStackCounters(benchmark::State& state, int64_t w, int64_t h, int64_t numFrames, StackPath path,
                              double copyBytesPerSecond) {
-  const double bytes = static_cast<double>(StackFrameBuffers(numFrames, path) * w * h * kPixelBytes);
+  // Byte frames are read at 4 bytes a pixel; everything else is float.
+  const int64_t frameBytes = path == StackPath::FusedBytes ? 4 : kPixelBytes;
+  const double bytes = static_cast<double>(
+      ((StackFrameBuffers(numFrames, path) - numFrames) * kPixelBytes + numFrames * frameBytes) * w * h);
   const double total = bytes * static_cast<double>(state.iterations());
   state.counters["MB"] = bytes / 1e6;
   state.counters["GB/s"] = benchmark::Counter(total / 1e9, benchmark::Counter::kIsRate);

@@ -3,6 +3,7 @@
 // exists), 32-bit frames, by each path of the frame-stack loop, set against the
 // copy bandwidth measured in the same run: a host memcpy for a CPU device, a
 // device-to-device copy for a GPU.
+#include <algorithm>
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -87,13 +88,23 @@ void RunStack(benchmark::State& state, const DeviceKind* kind) {
   const int numFrames = static_cast<int>(state.range(2));
   const StackPath path = static_cast<StackPath>(state.range(3));
   const size_t bytes = static_cast<size_t>(w) * h * kPixelBytes;
+  const bool byteFrames = path == StackPath::FusedBytes;
   std::vector<DeviceBuffer> frames;
   FrameStackJob job;
   for (int i = 0; i < numFrames; ++i) {
-    frames.push_back(AllocateDeviceBuffer(device, bytes));
     const std::vector<float> noise = NoiseFrame(w, h, 7 + i);
-    device.kind->upload(device, frames.back().get(), noise.data(), bytes);
-    job.frames.push_back({frames.back().get(), w, h, w * 16, 0, 0});
+    if (byteFrames) {
+      std::vector<uint8_t> quantised(noise.size());
+      for (size_t j = 0; j < noise.size(); ++j)
+        quantised[j] = static_cast<uint8_t>(std::clamp(noise[j], 0.0f, 1.0f) * 255.0f + 0.5f);
+      frames.push_back(AllocateDeviceBuffer(device, quantised.size()));
+      device.kind->upload(device, frames.back().get(), quantised.data(), quantised.size());
+      job.frames.push_back({frames.back().get(), w, h, w * 4, 0, 0, FRAME_DEPTH_U8});
+    } else {
+      frames.push_back(AllocateDeviceBuffer(device, bytes));
+      device.kind->upload(device, frames.back().get(), noise.data(), bytes);
+      job.frames.push_back({frames.back().get(), w, h, w * 16, 0, 0});
+    }
   }
   DeviceBuffer out = AllocateDeviceBuffer(device, bytes);
   job.output = {out.get(), w, h, w * 16, 0, 0};
@@ -102,7 +113,7 @@ void RunStack(benchmark::State& state, const DeviceKind* kind) {
   kd.motion_amp = path == StackPath::Amplified;
   job.kernelData = &kd;
   FrameStackHost host = MakeDeviceFrameStackHost(device, &bench->kernels->list, job);
-  if (path != StackPath::Fused) host.runStack = nullptr;
+  if (path != StackPath::Fused && !byteFrames) host.runStack = nullptr;
 
   if (bench->copyBytesPerSecond == 0.0) {
     bench->copyBytesPerSecond = bench->onGpu ? DeviceCopyBytesPerSecond(device) : HostCopyBytesPerSecond();

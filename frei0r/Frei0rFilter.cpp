@@ -28,6 +28,14 @@ extern "C" {  // the header declares the entry points for C callers
 namespace {
 
 constexpr size_t kPixelBytes = 16;  // B, G, R, A floats on the device
+constexpr size_t kBytePixelBytes = 4;  // B, G, R, A bytes, for StackKernel
+
+// A frame the history holds, as floats or, where StackKernel reads the
+// stack, as the bytes it came in.
+struct HeldFrame {
+  DeviceBuffer buffer;
+  FrameDepth depth;
+};
 
 // One line per kind of trouble for the whole process: hosts make many
 // instances, and one broken device would otherwise fill the terminal.
@@ -46,7 +54,8 @@ struct Instance {
   std::unique_ptr<Device> device;
   std::unique_ptr<DeviceKernels> kernels;
   FrameClock clock;
-  std::map<int64_t, DeviceBuffer> history;  // by frame number
+  std::map<int64_t, HeldFrame> history;  // by frame number
+  std::vector<HeldFrame> spare;
   DeviceBuffer output;
   size_t capacity = 0;  // frames the history may hold
   bool failed = false;
@@ -68,28 +77,76 @@ struct Instance {
   ~Instance() {
     // Device memory and kernels go before the device they belong to.
     history.clear();
+    spare.clear();
     output.reset();
     kernels.reset();
     if (device) CloseDevice(*device);
   }
 
-  void Upload(const uint32_t* in, void* buffer) {
-    DeviceBytes bytes(*device, buffer, FrameBytes(), false);
-    auto* pixels = reinterpret_cast<float*>(bytes.data());
-    const auto* source = reinterpret_cast<const uint8_t*>(in);
-    for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
-      const uint8_t* rgba = source + 4 * p;
-      float* bgra = pixels + 4 * p;
-      bgra[0] = rgba[2] / 255.0f, bgra[1] = rgba[1] / 255.0f, bgra[2] = rgba[0] / 255.0f, bgra[3] = rgba[3] / 255.0f;
+  size_t Pixels() const { return static_cast<size_t>(width) * height; }
+  size_t HeldBytes(FrameDepth depth) const {
+    return Pixels() * (depth == FRAME_DEPTH_U8 ? kBytePixelBytes : kPixelBytes);
+  }
+
+  // R, G, B, A bytes as a held frame of `depth`: bytes swapped into B, G, R,
+  // A, or floats divided as the hosts divide.
+  HeldFrame Upload(const uint8_t* rgba, FrameDepth depth) {
+    HeldFrame held{DeviceBuffer(nullptr, DeviceBufferDeleter{device.get()}), depth};
+    for (size_t i = 0; i < spare.size(); ++i)
+      if (spare[i].depth == depth) {
+        held.buffer = std::move(spare[i].buffer);
+        spare.erase(spare.begin() + static_cast<ptrdiff_t>(i));
+        break;
+      }
+    if (!held.buffer) held.buffer = AllocateDeviceBuffer(*device, HeldBytes(depth));
+    DeviceBytes bytes(*device, held.buffer.get(), HeldBytes(depth), false);
+    if (depth == FRAME_DEPTH_U8) {
+      uint8_t* bgra = bytes.data();
+      for (size_t p = 0; p < Pixels(); ++p, rgba += 4, bgra += 4)
+        bgra[0] = rgba[2], bgra[1] = rgba[1], bgra[2] = rgba[0], bgra[3] = rgba[3];
+    } else {
+      auto* bgra = reinterpret_cast<float*>(bytes.data());
+      for (size_t p = 0; p < Pixels(); ++p, rgba += 4, bgra += 4)
+        bgra[0] = rgba[2] / 255.0f, bgra[1] = rgba[1] / 255.0f, bgra[2] = rgba[0] / 255.0f, bgra[3] = rgba[3] / 255.0f;
     }
     bytes.Publish();
+    return held;
+  }
+
+  // The history in the depth this stack is read in: a change of mode
+  // converts it, exactly (a float from a byte goes back to that byte).
+  void HoldAs(FrameDepth depth) {
+    std::vector<uint8_t> rgba(Pixels() * 4);
+    for (auto& [number, held] : history) {
+      if (held.depth == depth) continue;
+      {
+        const DeviceBytes old(*device, held.buffer.get(), HeldBytes(held.depth), true);
+        for (size_t i = 0; i < rgba.size(); ++i) {
+          const size_t c = i % 4 == 3 ? i : i - i % 4 + (2 - i % 4);  // B, G, R, A from R, G, B, A
+          rgba[i] = held.depth == FRAME_DEPTH_U8
+                        ? old.data()[c]
+                        : static_cast<uint8_t>(std::lround(reinterpret_cast<const float*>(old.data())[c] * 255.0f));
+        }
+      }
+      held = Upload(rgba.data(), depth);
+    }
+  }
+
+  // Frames leaving the history keep their memory for the next ones: fresh
+  // buffers cost a page fault every 4 KiB on a CPU device.
+  template <typename It>
+  void Retire(It first, It last) {
+    for (It it = first; it != last; ++it)
+      if (spare.size() < 4) spare.push_back(std::move(it->second));
+    history.erase(first, last);
   }
 
   void Download(uint32_t* out) {
     const DeviceBytes bytes(*device, output.get(), FrameBytes(), true);
     const auto* pixels = reinterpret_cast<const float*>(bytes.data());
     auto* target = reinterpret_cast<uint8_t*>(out);
-    auto to8 = [](float v) { return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f)); };
+    // lround's value for 0..255, in double where x + 0.5 is exact.
+    auto to8 = [](float v) { return static_cast<uint8_t>(static_cast<double>(std::clamp(v, 0.0f, 1.0f) * 255.0f) + 0.5); };
     for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
       const float* bgra = pixels + 4 * p;
       uint8_t* rgba = target + 4 * p;
@@ -103,10 +160,10 @@ struct Instance {
     const double offset = StackOffset(values);
     bool restarted = false;
     const int64_t now = clock.Place(time, &restarted);
-    if (restarted) history.clear();
+    if (restarted) Retire(history.begin(), history.end());
     // Frames no stack from here on can reach leave first.
     const int64_t reach = StackReach(kd.numFrames, offset);
-    history.erase(history.begin(), history.lower_bound(now - reach + 1));
+    Retire(history.begin(), history.lower_bound(now - reach + 1));
     if (static_cast<uint64_t>(reach) > capacity) {
       // Past the memory, the oldest frames go: a stack frame they would have
       // been takes its newer neighbour's picture, as at a clip's start.
@@ -114,21 +171,24 @@ struct Instance {
                      std::to_string(height) + " does not fit in memory; the oldest " +
                      std::to_string(reach - capacity) + " take their newer neighbours' pictures",
                  false);
-      while (history.size() >= capacity) history.erase(history.begin());
+      while (history.size() >= capacity) Retire(history.begin(), std::next(history.begin()));
     }
-    auto& current = history[now];
-    if (!current) current = AllocateDeviceBuffer(*device, FrameBytes());
-    Upload(in, current.get());
+    // StackKernel reads bytes itself: a quarter of the memory and traffic.
+    const FrameDepth depth = kernels->list.entries[2].kernel && StackRunsFused(kd) ? FRAME_DEPTH_U8 : FRAME_DEPTH_PASS;
+    HoldAs(depth);
+    Retire(history.lower_bound(now), history.upper_bound(now));
+    history.emplace(now, Upload(reinterpret_cast<const uint8_t*>(in), depth));
 
     FrameStackJob job;
     const auto pitch = static_cast<int32_t>(width * kPixelBytes);
+    const auto heldPitch = static_cast<int32_t>(HeldBytes(depth) / height);
     const auto w = static_cast<int32_t>(width), h = static_cast<int32_t>(height);
     void* newer = nullptr;
     for (const int64_t k : StackFrameNumbers(now, kd.numFrames, offset)) {
       const auto found = history.find(k);
       // A frame before the history's start takes its newer neighbour's picture.
-      void* frame = found != history.end() ? found->second.get() : newer;
-      job.frames.push_back({frame, w, h, pitch, 0, 0});
+      void* frame = found != history.end() ? found->second.buffer.get() : newer;
+      job.frames.push_back({frame, w, h, heldPitch, 0, 0, depth});
       newer = frame;
     }
     job.output = {output.get(), w, h, pitch, 0, 0};
