@@ -1,4 +1,4 @@
-// The render engine our own front ends run on: output frame N of a clip,
+// The render engine tremor-render runs on: output frame N of a clip,
 // rendered by its position. It asks the clip for exactly the frames N's stack
 // needs (the effect's own schedule), keeps a bounded set of them on the
 // device in the depth they came in, and runs the effect's frame-stack loop

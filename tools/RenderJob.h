@@ -1,4 +1,5 @@
-// One render of tremor-render: a clip in, through the loaded module, an output
+// One render of tremor-render: a clip in, on the engine or through the loaded
+// module, an output
 // out, published whole or not at all.
 #ifndef TREMOR_TOOLS_RENDERJOB_H
 #define TREMOR_TOOLS_RENDERJOB_H
@@ -12,7 +13,7 @@
 #include <vector>
 
 #include "AeHost.h"
-#include "TremorDistiller_Parameters.h"  // Disk IDs only: the effect's code is not linked
+#include "TremorDistiller_Parameters.h"  // the Disk IDs
 
 namespace render {
 
