@@ -1,6 +1,5 @@
 // One render of tremor-render: a clip in, on the engine or through the loaded
-// module, an output
-// out, published whole or not at all.
+// module, an output out, published whole or not at all.
 #ifndef TREMOR_TOOLS_RENDERJOB_H
 #define TREMOR_TOOLS_RENDERJOB_H
 
