@@ -63,6 +63,7 @@ PF_Err Impl::Send(PF_Cmd cmd, A_long time, void* extra, RenderJob* job, PF_Param
   {
     std::lock_guard<std::mutex> lock(logMutex);
     commands.push_back(rec);
+    TrimRecords();
   }
   // Renders run side by side and may not change global data.
   if (!job) globalData = out.global_data;

@@ -73,6 +73,10 @@ struct HostOptions {
   bool poisonUnclearedWorlds = false;
   // Frames kept uploaded on the device (and converted for software); 0 keeps all.
   size_t frameCacheLimit = 0;
+  // Call and command records kept, the newest; 0 keeps all (tests read them
+  // whole). A host that serves a user bounds them: a long render makes
+  // about 75 calls a frame.
+  size_t recordLimit = 0;
   // Called before every command with the records the effect will see; during
   // RenderMany from several threads at once.
   std::function<void(PF_Cmd, PF_InData&, PF_OutData&)> beforeCommand;

@@ -112,21 +112,38 @@ void UnregisterHost(Impl* host) {
 
 // ---- Impl: log, injection, handles ----
 
+// Past twice the limit the oldest records go, down to the limit: a bounded
+// log at a constant cost per record.
+void Impl::TrimRecords() {
+  const size_t limit = options.recordLimit;
+  if (limit == 0) return;
+  if (log.size() > 2 * limit) {
+    const size_t gone = log.size() - limit;
+    log.erase(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(gone));
+    logDropped += gone;
+  }
+  if (commands.size() > 2 * limit) commands.erase(commands.begin(), commands.end() - static_cast<std::ptrdiff_t>(limit));
+}
+
 void Impl::Record(CallRecord::Kind kind, const char* suite, const char* op, const std::string& args, PF_Err result,
                   uint64_t renderId) {
   std::lock_guard<std::mutex> lock(logMutex);
   log.push_back(CallRecord{kind, suite, op, args, result, renderId});
+  TrimRecords();
 }
 
 size_t Impl::BeginCommand(PF_Cmd cmd, const std::string& args, uint64_t renderId) {
   std::lock_guard<std::mutex> lock(logMutex);
   log.push_back(CallRecord{CallRecord::Kind::Command, "", CommandName(cmd), args, 0, renderId});
-  return log.size() - 1;
+  const size_t at = logDropped + log.size() - 1;
+  TrimRecords();
+  return at;
 }
 
 void Impl::EndCommand(size_t at, PF_Err result) {
   std::lock_guard<std::mutex> lock(logMutex);
-  if (at < log.size()) log[at].result = result;  // the log may have been cleared meanwhile
+  // The log may have been cleared or trimmed meanwhile.
+  if (at >= logDropped && at - logDropped < log.size()) log[at - logDropped].result = result;
 }
 
 Trigger Impl::Check(const char* op) { return injections.Check(op); }
@@ -140,6 +157,7 @@ std::vector<CallRecord> AeHost::CallLog() const {
 
 void AeHost::ClearCallLog() {
   std::lock_guard<std::mutex> lock(impl_->logMutex);
+  impl_->logDropped += impl_->log.size();
   impl_->log.clear();
 }
 

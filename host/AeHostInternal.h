@@ -145,6 +145,8 @@ struct AeHost::Impl {
   mutable std::mutex logMutex;
   std::vector<CallRecord> log;
   std::vector<CommandRecord> commands;
+  size_t logDropped = 0;  // records of `log` dropped for recordLimit: indices count on from them
+  void TrimRecords();     // under logMutex
 
   // Injection
   HostInjections injections;

@@ -234,6 +234,9 @@ void Impl::Record(const char* suite, const char* op, const std::string& args, pr
   std::lock_guard<std::mutex> lock(logMutex);
   log.push_back(
       CallRecord{suite[0] ? CallRecord::Kind::Suite : CallRecord::Kind::EffectCall, suite, op, args, result, 0});
+  // Bounded as the After Effects side's records are.
+  const size_t limit = options.effect.recordLimit;
+  if (limit && log.size() > 2 * limit) log.erase(log.begin(), log.end() - static_cast<std::ptrdiff_t>(limit));
 }
 
 Trigger Impl::Check(const char* op) { return injections.Check(op); }

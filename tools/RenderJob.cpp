@@ -43,6 +43,10 @@ namespace {
 
 constexpr char kModuleName[] = "TremorDistiller.so";
 
+// Records a user's render keeps of the stand-in hosts' calls: enough for a
+// frame's worth when something goes wrong, never a feature film's.
+constexpr size_t kRecordLimit = 4096;
+
 std::atomic<int> gSignal{0};
 std::mutex gStagedMutex;
 std::vector<fs::path> gStaged;  // what a second signal removes before leaving
@@ -369,6 +373,7 @@ std::string SetUpEffect(ClipHost& clip, aehost::AeHost& host, const Options& o) 
     // The Premiere host runs the module's EffectMain side itself, and keeps
     // the controls there.
     prhost::PrHostOptions options;
+    options.effect.recordLimit = kRecordLimit;
     options.device = ResolveDevice(o.device).device;
     options.poisonNewFrames = false;  // a test aid; a real host leaves new frames as they come
     try {
@@ -508,7 +513,9 @@ std::string LogPath() {
 }
 
 std::unique_ptr<aehost::AeHost> LoadEffect() {
-  auto host = std::make_unique<aehost::AeHost>(FindModule());
+  aehost::HostOptions options;
+  options.recordLimit = kRecordLimit;
+  auto host = std::make_unique<aehost::AeHost>(FindModule(), options);
   if (const PF_Err err = host->SetUp(nullptr)) throw SetUpFailure(err);
   return host;
 }

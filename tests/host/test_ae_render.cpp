@@ -157,6 +157,39 @@ TEST_P(AeRenderDevices, EveryModeAndSwitchMatchesTheReference) {
 INSTANTIATE_TEST_SUITE_P(, AeRenderDevices, ::testing::Values("opencl", "cuda"),
                          [](const auto& info) { return info.param; });
 
+// A host that serves a user keeps the newest records only, and those as a
+// host keeping all would have them, command results included.
+TEST_F(AeRender, BoundedRecordsAreTheNewestOnes) {
+  auto records = [&](size_t limit) {
+    HostOptions options;
+    options.recordLimit = limit;
+    ClipHost(options);
+    SetUpGpu();
+    const PF_Err fail = 7;
+    host_->FailOperation("checkout_layer_pixels", fail, 115);  // a command of the last render ends in an error
+    for (int k = 0; k < 12; ++k) host_->Render(host_->FrameTime(k));
+    std::vector<CallRecord> log = host_->CallLog();
+    const std::vector<CommandRecord> commands = host_->Commands();
+    return std::make_tuple(log, commands.size(), commands.back().cmd);
+  };
+  const auto [all, allCommands, lastAll] = records(0);
+  const auto [kept, keptCommands, lastKept] = records(60);
+  ASSERT_GT(all.size(), 240u);
+  EXPECT_GE(kept.size(), 60u);
+  EXPECT_LE(kept.size(), 120u);
+  EXPECT_LE(keptCommands, 120u);
+  EXPECT_EQ(lastKept, lastAll);
+  size_t failed = 0;
+  for (size_t i = 0; i < kept.size(); ++i) {
+    const CallRecord& a = all[all.size() - kept.size() + i];
+    // Arguments name addresses, which differ between the two hosts.
+    EXPECT_EQ(std::tie(a.kind, a.suite, a.op, a.result), std::tie(kept[i].kind, kept[i].suite, kept[i].op, kept[i].result))
+        << i;
+    failed += kept[i].kind == CallRecord::Kind::Command && kept[i].result != 0;
+  }
+  EXPECT_GE(failed, 1u);
+}
+
 TEST_F(AeRender, ThreadedRendersEqualSerialOnesAndKeepTheirOwnCallbacks) {
   SetUpGpu();
   std::vector<A_long> times;
