@@ -8,6 +8,7 @@
 
 #include "LogsController.h"
 #include "TremorDistiller.h"
+#include "TremorDistiller_Controls.h"
 #include "TremorDistiller_Parameters.h"
 
 void UnionLRect(const PF_LRect& src, PF_LRect& dst) {
@@ -37,6 +38,15 @@ PF_Err ReadParam(PF_InData* in_data, A_long diskId, Read read) {
   return PF_CHECKIN_PARAM(in_data, &def);
 }
 
+// A control's value as the host holds it, read as its row's kind.
+double ControlValue(A_long diskId, const PF_ParamDef& d) {
+  switch (ParamTable()[FindParamIndex(diskId, ParamTable())].kind) {
+    case ParamKind::Popup: return d.u.pd.value;
+    case ParamKind::Checkbox: return d.u.bd.value;
+    default: return d.u.fs_d.value;
+  }
+}
+
 }  // namespace
 
 PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
@@ -52,31 +62,11 @@ PF_Err PreRender(PF_InData* in_data, PF_OutData*, PF_PreRenderExtra* extra) {
   }
 
   float offset = 0.0f;
-  PF_Err err =
-      ReadParam(in_data, PARAM_FRAMES, [&](const PF_ParamDef& d) { kd->numFrames = StackLength(d.u.fs_d.value); });
-  if (!err)
-    err = ReadParam(in_data, PARAM_FRAMES_OFFSET,
-                    [&](const PF_ParamDef& d) { offset = static_cast<float>(d.u.fs_d.value); });
-  if (!err)
-    err = ReadParam(in_data, PARAM_FRAMES_FADE,
-                    [&](const PF_ParamDef& d) { kd->percentEase = PercentEaseFromFade(d.u.fs_d.value); });
-  if (!err)
-    err = ReadParam(in_data, PARAM_BLENDING_MODE,
-                    [&](const PF_ParamDef& d) { kd->blendMode = static_cast<BlendMode>(PopupFromAE(d.u.pd.value)); });
-  if (!err)
-    err = ReadParam(in_data, PARAM_DIFFERENCE_ALGORITHM, [&](const PF_ParamDef& d) {
-      kd->diffMode = static_cast<DiffBlendMode>(PopupFromAE(d.u.pd.value));
-    });
-  if (!err)
-    err = ReadParam(in_data, PARAM_OUTPUT,
-                    [&](const PF_ParamDef& d) { kd->output = static_cast<ColorFrom>(PopupFromAE(d.u.pd.value)); });
-  // The switches are read whatever happened above, and their errors ignored.
-  kd->normalize = kd->motion_amp = kd->chromatic = false;
-  ReadParam(in_data, PARAM_NORMALIZE, [&](const PF_ParamDef& d) { kd->normalize = CheckboxOn(d.u.bd.value); });
-  ReadParam(in_data, PARAM_MOTION_AMPLIFICATION,
-            [&](const PF_ParamDef& d) { kd->motion_amp = CheckboxOn(d.u.bd.value); });
-  ReadParam(in_data, PARAM_CHROMATIC_ABERRATION,
-            [&](const PF_ParamDef& d) { kd->chromatic = CheckboxOn(d.u.bd.value); });
+  PF_Err err = FillKernelData(
+      [&](int32_t diskId, std::optional<double>& value) -> int32_t {
+        return ReadParam(in_data, diskId, [&](const PF_ParamDef& d) { value = ControlValue(diskId, d); });
+      },
+      *kd, &offset);
 
   extra->output->pre_render_data = kd;
   extra->output->delete_pre_render_data_func = &DeleteKernelData;

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "TremorDistiller_CPU.h"
+#include "TremorDistiller_Controls.h"
+#include "TremorDistiller_Parameters.h"
 #include "TremorDistiller_SmartRender.h"
 
 namespace {
@@ -78,6 +80,45 @@ TEST(FrameSchedule, TimesFollowTheOffsetInSinglePrecision) {
   }
   // Above 2^24 a float holds only even numbers: one step back rounds to even, two back.
   EXPECT_EQ(FrameCheckoutTime(16778218, 1, 1, 1.0f), 16778216);
+}
+
+// Controls are read in the pre-render's order; after a failed read the
+// rest of the stack's controls are not read, the switches always are, and
+// the first error is the result.
+TEST(ControlReading, OrderAndErrorRule) {
+  std::vector<int32_t> order;
+  auto reader = [&](int32_t failAt, int32_t failSwitch) {
+    return [&order, failAt, failSwitch](int32_t id, std::optional<double>& v) -> int32_t {
+      order.push_back(id);
+      if (id == failSwitch) return 9;
+      v = id == PARAM_FRAMES                                      ? 12.7
+          : id == PARAM_FRAMES_OFFSET                             ? -1.5
+          : id == PARAM_FRAMES_FADE                               ? 80.0
+          : id == PARAM_OUTPUT || id < PARAM_CHROMATIC_ABERRATION ? 2
+                                                                  : 1;  // popups: their second choice
+      return id == failAt ? 5 : 0;                                      // the value came, then its check-in failed
+    };
+  };
+  KernelData kd;
+  float offset = 0;
+  EXPECT_EQ(FillKernelData(reader(-1, -1), kd, &offset), 0);
+  EXPECT_EQ(order, (std::vector<int32_t>{PARAM_FRAMES, PARAM_FRAMES_OFFSET, PARAM_FRAMES_FADE, PARAM_BLENDING_MODE,
+                                         PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT, PARAM_NORMALIZE,
+                                         PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION}));
+  EXPECT_EQ(kd.numFrames, 12);
+  EXPECT_EQ(offset, -1.5f);
+  EXPECT_EQ(kd.percentEase, 4.0f);
+  EXPECT_EQ(kd.blendMode, BLEND_SCREEN);
+  EXPECT_EQ(kd.output, FROM_SOURCE);
+  EXPECT_TRUE(kd.normalize && kd.motion_amp && kd.chromatic);
+
+  order.clear();
+  EXPECT_EQ(FillKernelData(reader(PARAM_BLENDING_MODE, PARAM_MOTION_AMPLIFICATION), kd, &offset), 5);
+  EXPECT_EQ(order, (std::vector<int32_t>{PARAM_FRAMES, PARAM_FRAMES_OFFSET, PARAM_FRAMES_FADE, PARAM_BLENDING_MODE,
+                                         PARAM_NORMALIZE, PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION}));
+  EXPECT_EQ(kd.blendMode, BLEND_SCREEN);  // read before its check-in failed
+  EXPECT_EQ(kd.diffMode, DIFF_NONE);
+  EXPECT_TRUE(kd.normalize && !kd.motion_amp && kd.chromatic);
 }
 
 TEST(FrameSchedule, StackLengthIsCutAndKeptWithinTheOrigins) {
