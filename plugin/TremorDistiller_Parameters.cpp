@@ -13,97 +13,6 @@
 
 namespace {
 
-// Row builders: each sets only what its kind reads, the rest keeps the
-// record's initial values.
-ParamRecord Slider(int32_t id, const char* name, float dflt, float min, float max, int32_t precision,
-                   int32_t displayFlags) {
-  ParamRecord r{id, ParamKind::FloatSlider, name};
-  r.value.reset();
-  r.defaultValue = dflt;
-  r.min = min;
-  r.max = max;
-  r.precision = precision;
-  r.uiFlags = displayFlags;
-  return r;
-}
-
-// A popup's choice, with the kernel enum value it selects.
-struct PopupChoice {
-  const char* name;
-  int32_t value;
-};
-
-// Renders cast the 1-based choice number straight to the kernel enum
-// (PopupFromAE, PopupFromPremiere), so choice i must be the enum value i.
-template <size_t N>
-constexpr bool ChoicesMatchTheirEnums(const PopupChoice (&choices)[N]) {
-  for (size_t i = 0; i < N; ++i)
-    if (choices[i].value != static_cast<int32_t>(i + 1)) return false;
-  return true;
-}
-
-template <size_t N>
-std::string JoinChoices(const PopupChoice (&choices)[N]) {
-  std::string joined;
-  for (size_t i = 0; i < N; ++i) joined += (i ? "|" : "") + std::string(choices[i].name);
-  return joined;
-}
-
-// A row's choices as the host's "A|B|C", checked at compile time against their enums.
-#define POPUP_CHOICES(...)                                                                                  \
-  [] {                                                                                                      \
-    constexpr PopupChoice kChoices[] = {__VA_ARGS__};                                                       \
-    static_assert(ChoicesMatchTheirEnums(kChoices), "a popup's choice number differs from its enum value"); \
-    return JoinChoices(kChoices);                                                                           \
-  }()
-
-ParamRecord Popup(int32_t id, const char* name, const std::string& choices, int32_t dflt) {
-  ParamRecord r{id, ParamKind::Popup, name};
-  r.value = ParamVariant(choices);
-  r.defaultValue = dflt;
-  return r;
-}
-
-ParamRecord Checkbox(int32_t id, const char* name, bool dflt) {
-  ParamRecord r{id, ParamKind::Checkbox, name};
-  r.value.reset();
-  r.defaultValue = dflt;
-  return r;
-}
-
-ParamRecord InputRow() { return ParamRecord{PARAM_INPUT, ParamKind::InputLayer}; }
-
-ParamRecord AboutRow() {
-  ParamRecord r{PARAM_ABOUT, ParamKind::CustomUI, "About"};
-  r.value.reset();  // a drawing area, no value
-  return r;
-}
-
-ParamTableRows BuildTable() {
-  return {
-      InputRow(),
-      AboutRow(),
-      Slider(PARAM_FRAMES, "Frames", 10.0f, 3.0f, 50.0f, 0, 0),
-      Slider(PARAM_FRAMES_OFFSET, "Frames offset", 1.0f, -100.0f, 100.0f, 0, 0),
-      Slider(PARAM_FRAMES_FADE, "Frames Fade", 80.0f, 0.0f, 100.0f, 2, PF_ValueDisplayFlag_PERCENT),
-      Popup(PARAM_BLENDING_MODE, "Blending mode", POPUP_CHOICES({"Add", BLEND_ADD}, {"Screen", BLEND_SCREEN}), 1),
-      Popup(PARAM_DIFFERENCE_ALGORITHM, "Difference algorithm",
-            POPUP_CHOICES({"Difference", DIFF_DIFF}, {"Subtract", DIFF_SUBT}), 1),
-      // Disk IDs out of table order: the ids were given before the rows moved.
-      Checkbox(PARAM_MOTION_AMPLIFICATION, "Motion Amplification", false),
-      Checkbox(PARAM_CHROMATIC_ABERRATION, "Chromatic Aberration", false),
-      Checkbox(PARAM_NORMALIZE, "Normalize", false),
-      Popup(PARAM_OUTPUT, "Output",
-            POPUP_CHOICES({"Motion", FROM_MOTION}, {"Source", FROM_SOURCE}, {"Luma", FROM_LUMA}), 1),
-  };
-}
-
-#undef POPUP_CHOICES
-
-// Built while the module loads, before any command; render threads then
-// only read it.
-[[maybe_unused]] const ParamTableRows& kTableAtLoad = ParamTable();
-
 void CopyName(PF_ParamDef& def, const std::string& name) {
   std::strncpy(def.name, name.c_str(), sizeof(def.name));
   def.name[sizeof(def.name) - 1] = '\0';
@@ -119,25 +28,6 @@ const AboutImage* LockedAboutImage(PF_InData* in_data) {
 }
 
 }  // namespace
-
-const ParamTableRows& ParamTable() {
-  static const ParamTableRows table = BuildTable();
-  return table;
-}
-
-int FindParamIndex(int32_t diskId, const ParamTableRows& table) {
-  for (size_t i = 0; i < table.size(); ++i)
-    if (table[i].diskId == diskId) return static_cast<int>(i);
-  throw std::runtime_error("Parameter with given Disk ID not found");
-}
-
-A_short CountPopupChoices(const std::string& choices) {
-  std::istringstream words(choices);
-  std::string word;
-  A_short count = 0;
-  while (std::getline(words, word, '|')) ++count;
-  return count;
-}
 
 PF_Err ParamsSetup(PF_InData* in_data, PF_OutData* out_data) { return ParamsSetup(in_data, out_data, ParamTable()); }
 

@@ -59,6 +59,8 @@ struct ParamRecord {
   std::optional<int32_t> precision = 1;  // low 16 bits used
   std::optional<int32_t> uiFlags = 0;    // display_flags of a float slider, else ui_flags
   std::optional<int32_t> flags = 0;      // PF_ParamFlags
+  const char* option = nullptr;          // on our command lines, e.g. "--frames"; null: none
+  const char* optionHelp = nullptr;      // its help line
 };
 
 using ParamTableRows = std::vector<ParamRecord>;

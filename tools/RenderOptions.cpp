@@ -11,25 +11,14 @@
 namespace render {
 namespace {
 
-// The effect's controls on the command line, found by Disk ID. Ranges,
-// defaults and choices are the module's own, read from what it registers.
-struct EffectOption {
-  const char* flag;
-  ParamDiskId id;
-  const char* help;
-};
-constexpr EffectOption kEffectOptions[] = {
-    {"--frames", PARAM_FRAMES, "Frames in the stack"},
-    {"--frames-offset", PARAM_FRAMES_OFFSET, "Frames between stacked frames; fractions allowed, negative looks ahead"},
-    {"--frames-fade", PARAM_FRAMES_FADE, "Fade of older frames, percent"},
-    {"--blending-mode", PARAM_BLENDING_MODE, "How each difference joins the accumulation"},
-    {"--difference-algorithm", PARAM_DIFFERENCE_ALGORITHM, "How neighbouring frames are compared"},
-    {"--output", PARAM_OUTPUT, "What is delivered"},
-    {"--motion-amplification", PARAM_MOTION_AMPLIFICATION, "Push the accumulation along the motion"},
-    {"--chromatic-aberration", PARAM_CHROMATIC_ABERRATION, "Split the accumulation by colour"},
-    {"--normalize", PARAM_NORMALIZE, "Normalize the delivered picture"},
-};
-constexpr size_t kEffectOptionCount = std::size(kEffectOptions);
+// The effect's controls that have a command-line spelling, in table order.
+// Ranges, defaults and choices are the module's own, read from what it registers.
+std::vector<const ParamRecord*> EffectOptionRows() {
+  std::vector<const ParamRecord*> rows;
+  for (const ParamRecord& r : ParamTable())
+    if (r.option) rows.push_back(&r);
+  return rows;
+}
 
 std::string Number(double v) {
   char text[32];
@@ -69,26 +58,27 @@ std::vector<std::string> ChoiceWords(const char* names) {
 }  // namespace
 
 void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInput>& in) {
-  in.assign(kEffectOptionCount, EffectInput{});  // CLI11 keeps pointers into it from here on
+  const std::vector<const ParamRecord*> rows = EffectOptionRows();
+  in.assign(rows.size(), EffectInput{});  // CLI11 keeps pointers into it from here on
   // Groups by name only: CLI11 2.1's option groups are nameless subcommands,
   // and an empty argument before an unknown option sent its parser into an
   // endless loop looking for one.
-  for (size_t i = 0; i < kEffectOptionCount; ++i) {
-    const EffectOption& row = kEffectOptions[i];
-    const PF_ParamIndex index = host.FindParam(row.id);
-    if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(row.id));
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const ParamRecord& row = *rows[i];
+    const PF_ParamIndex index = host.FindParam(row.diskId);
+    if (index < 0) throw Failure("the effect module has no control with Disk ID " + std::to_string(row.diskId));
     const PF_ParamDef def = host.Params()[index - 1].def;
     EffectInput& e = in[i];
     if (def.param_type == PF_Param_CHECKBOX) {
-      e.option = app.add_flag(row.flag, e.flag, row.help);
+      e.option = app.add_flag(row.option, e.flag, row.optionHelp);
     } else if (def.param_type == PF_Param_POPUP) {
       e.words = ChoiceWords(def.u.pd.u.namesptr);
-      e.option = app.add_option(row.flag, e.choice, row.help);
+      e.option = app.add_option(row.option, e.choice, row.optionHelp);
       e.option->check(CLI::IsMember(e.words, CLI::ignore_case));
       const int first = def.u.pd.dephault - 1;
       if (first >= 0 && first < static_cast<int>(e.words.size())) e.option->default_str(e.words[first]);
     } else {
-      e.option = app.add_option(row.flag, e.number, row.help);
+      e.option = app.add_option(row.option, e.number, row.optionHelp);
       e.option->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max));
       e.option->default_str(Number(def.u.fs_d.dephault));
     }
@@ -154,7 +144,7 @@ std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const std::vector<
     } else if (e.option->get_expected_max() == 0) {
       value = e.flag ? 1.0 : 0.0;
     }
-    values.emplace_back(kEffectOptions[i].id, value);
+    values.emplace_back(static_cast<ParamDiskId>(EffectOptionRows()[i]->diskId), value);
   }
   return values;
 }
