@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Frames per second of tremor-render with default settings against FFmpeg's
 # tmix=frames=10 and tblend=all_mode=difference on one 1920x1080 clip, on this
-# machine in one run: the median of REPEAT runs of each, and the ratios.
+# machine in one run: the median of REPEAT runs of each, and the ratios. Then
+# the effect alone against tmix, both to FFmpeg's null sink: tremor-render's
+# -f null, and the frei0r filter inside FFmpeg.
 set -euo pipefail
 build=$(realpath "${1:-build}")
 cd "$(dirname "$0")/.."
@@ -39,6 +41,14 @@ read -r t_tmix c_tmix < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4"
   "$work/tmix.mp4")
 read -r t_tblend c_tblend < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tblend=all_mode=difference \
   -c:v libx264 "$work/tblend.mp4")
+# The effect alone: no encoder on either side.
+read -r t_null c_null < <(median "$build/tremor-render" "$work/clip.mp4" -f null - --quiet --device "$device")
+read -r t_tmixnull c_tmixnull < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tmix=frames=10 -f null -)
+t_frei0r=""
+if [ -e "$build/frei0r-1/tremor_distiller.so" ]; then
+  read -r t_frei0r c_frei0r < <(median env FREI0R_PATH="$build/frei0r-1" TREMOR_DISTILLER_DEVICE="$device" \
+    ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf frei0r=tremor_distiller -f null -)
+fi
 device_name=$("$build/tremor-render" "$work/clip.mp4" -o "$work/one.mkv" --end 0 --device "$device" 2>&1 |
   sed -n 's/.* on \(.*\)$/\1/p' | tail -1)
 
@@ -53,3 +63,11 @@ echo "ffmpeg tmix=frames=10:      $f_tmix fps, $(cpu "$c_tmix") CPU ms a frame  
   "$(ratio "$f_render" "$f_tmix") in fps, $(ratio "$c_tmix" "$c_render") in CPU)"
 echo "ffmpeg tblend difference:   $f_tblend fps, $(cpu "$c_tblend") CPU ms a frame   (tremor-render / tblend:" \
   "$(ratio "$f_render" "$f_tblend") in fps, $(ratio "$c_tblend" "$c_render") in CPU)"
+f_null=$(fps "$t_null"); f_tmixnull=$(fps "$t_tmixnull")
+echo "to the null sink:"
+echo "tremor-render -f null -:     $f_null fps, $(cpu "$c_null") CPU ms a frame   (/ tmix: $(ratio "$f_null" "$f_tmixnull") in fps)"
+echo "ffmpeg tmix=frames=10:       $f_tmixnull fps, $(cpu "$c_tmixnull") CPU ms a frame"
+if [ -n "$t_frei0r" ]; then
+  f_frei0r=$(fps "$t_frei0r")
+  echo "ffmpeg frei0r=tremor_distiller: $f_frei0r fps, $(cpu "$c_frei0r") CPU ms a frame   (/ tmix: $(ratio "$f_frei0r" "$f_tmixnull") in fps)"
+fi
