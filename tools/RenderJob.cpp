@@ -638,6 +638,79 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
 
 }  // namespace
 
+namespace {
+
+// How a module path holds the frames in the stacks' reach.
+struct HostPlan {
+  int frames = 0;
+  double offset = 0;
+  Window window;
+  uint64_t frameBytes = 0, budget = 0;
+  size_t queued = 2;
+  bool fits = true;  // every frame in reach held as the host takes it; else they wait decoded
+  int jobs = 1;
+};
+
+HostPlan PlanHostRender(const ClipHost& clip, const media::InputInfo& info, const Options& o) {
+  HostPlan p;
+  // "Frames" counts whole frames, as the effect reads it.
+  p.frames = static_cast<int>(SliderValue(*clip.params, PARAM_FRAMES));
+  p.offset = SliderValue(*clip.params, PARAM_FRAMES_OFFSET);
+  if (clip.premiere && p.offset != std::trunc(p.offset)) {
+    // As Premiere does: its filter asks for frames in whole steps.
+    if (!o.quiet)
+      std::fprintf(stderr, "tremor-render: the premiere host steps whole frames; --frames-offset %g counts as %g\n",
+                   p.offset, std::trunc(p.offset));
+    p.offset = std::trunc(p.offset);
+  }
+  p.window = NeededFrames(p.frames, p.offset);
+  // A frame the host holds costs its float pixels and their device copy.
+  p.frameBytes = uint64_t{16} * static_cast<uint64_t>(info.width) * static_cast<uint64_t>(info.height) * 2;
+  p.budget = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
+  p.queued = static_cast<size_t>(std::max(2, o.jobs));
+  const uint64_t reach =
+      static_cast<uint64_t>(p.window.back + p.window.ahead) + static_cast<uint64_t>(o.jobs) + p.queued;
+  p.fits = p.frameBytes == 0 || reach <= p.budget / p.frameBytes;
+  p.jobs = o.jobs;
+  if (!p.fits) {
+    const uint64_t stacks = p.budget / (p.frameBytes * static_cast<uint64_t>(p.frames));
+    if (stacks == 0)
+      throw Failure("a stack of " + std::to_string(p.frames) + " frames of " + std::to_string(info.width) + "x" +
+                    std::to_string(info.height) + " needs " + Size(p.frameBytes * static_cast<uint64_t>(p.frames)) +
+                    " (" + Size(p.frameBytes) + " a frame, with its device copy); the memory budget is " +
+                    Size(p.budget) + " (--memory)");
+    p.jobs = static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(o.jobs), stacks));
+  }
+  return p;
+}
+
+// Output frames o.start..last through the module path into `sink`; returns
+// the frames rendered.
+int64_t RenderOnHost(ClipHost& clip, Feed& feed, FrameSink& sink, const HostPlan& p, const Options& o, int64_t last,
+                     Progress& progress) {
+  int64_t next = o.start;
+  while (next <= last) {
+    const int64_t batchLast = std::min(last, next + p.jobs - 1);
+    FeedFrames(clip, feed, batchLast + p.window.ahead);
+    if (feed.read <= next) break;  // the clip ended first
+    const int64_t upTo = std::min(batchLast, feed.read - 1);
+    if (feed.reader) HandStackFrames(clip, feed, next, upTo, p.frames, p.offset, p.budget / p.frameBytes);
+    RenderFrames(clip, next, upTo, p.jobs, feed, sink);
+    next = upTo + 1;
+    const int64_t keep = std::max<int64_t>(0, next - p.window.back);
+    clip.RemoveBefore(keep);
+    feed.decoded.erase(feed.decoded.begin(), feed.decoded.lower_bound(keep));
+    feed.inHost.erase(feed.inHost.begin(), feed.inHost.lower_bound(keep));
+    progress.Update(next - o.start);
+    CheckInterrupt();
+  }
+  if (feed.read == 0) throw Failure(o.input + " has no frames");
+  if (next == o.start) throw Failure(PastTheEnd(o.start, feed.read - 1));
+  return next - o.start;
+}
+
+}  // namespace
+
 int Run(aehost::AeHost& host, const Options& o) {
   if (o.host == "engine") return RunEngine(host, o);
   const media::OutputFormat& format = CheckCommand(o);
@@ -650,34 +723,7 @@ int Run(aehost::AeHost& host, const Options& o) {
   // Last output frame wanted; INT64_MAX runs to the end of the clip.
   int64_t last = o.end >= 0 ? o.end : INT64_MAX;
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
-  const int64_t total = last == INT64_MAX ? -1 : last - o.start + 1;
-  // "Frames" counts whole frames, as the effect reads it.
-  const int frames = static_cast<int>(SliderValue(*clip.params, PARAM_FRAMES));
-  double offset = SliderValue(*clip.params, PARAM_FRAMES_OFFSET);
-  if (clip.premiere && offset != std::trunc(offset)) {
-    // As Premiere does: its filter asks for frames in whole steps.
-    if (!o.quiet)
-      std::fprintf(stderr, "tremor-render: the premiere host steps whole frames; --frames-offset %g counts as %g\n",
-                   offset, std::trunc(offset));
-    offset = std::trunc(offset);
-  }
-  const Window window = NeededFrames(frames, offset);
-  // A frame the host holds costs its float pixels and their device copy.
-  const uint64_t frameBytes = uint64_t{16} * static_cast<uint64_t>(info.width) * static_cast<uint64_t>(info.height) * 2;
-  const uint64_t budget = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
-  const auto queued = static_cast<size_t>(std::max(2, o.jobs));
-  const uint64_t reach = static_cast<uint64_t>(window.back + window.ahead) + static_cast<uint64_t>(o.jobs) + queued;
-  const bool fits = frameBytes == 0 || reach <= budget / frameBytes;
-  int jobs = o.jobs;
-  if (!fits) {
-    const uint64_t stacks = budget / (frameBytes * static_cast<uint64_t>(frames));
-    if (stacks == 0)
-      throw Failure("a stack of " + std::to_string(frames) + " frames of " + std::to_string(info.width) + "x" +
-                    std::to_string(info.height) + " needs " + Size(frameBytes * static_cast<uint64_t>(frames)) + " (" +
-                    Size(frameBytes) + " a frame, with its device copy); the memory budget is " + Size(budget) +
-                    " (--memory)");
-    jobs = static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(o.jobs), stacks));
-  }
+  const HostPlan plan = PlanHostRender(clip, info, o);
   Staging staging(o.output, format.sequence);
   // Reserved now, so an unwritable folder stops the run before the render.
   std::unique_ptr<Staging> snapshot;
@@ -685,36 +731,20 @@ int Run(aehost::AeHost& host, const Options& o) {
   try {
     auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
                                                   info.hasAudio ? o.input : std::string());
-    Progress progress(total, o.quiet, ::isatty(STDERR_FILENO));
+    Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
 
     // A batch of renders waits on neither side: `jobs` frames queued each way.
-    const int64_t lastInput = last > INT64_MAX - window.ahead ? INT64_MAX : last + window.ahead;
+    const int64_t lastInput = last > INT64_MAX - plan.window.ahead ? INT64_MAX : last + plan.window.ahead;
     SparePixels spares(2);
-    FrameSource source(reader, o.start - window.back, lastInput, queued, fits, &spares);
+    FrameSource source(reader, o.start - plan.window.back, lastInput, plan.queued, plan.fits, &spares);
     Feed feed(source);
-    if (!fits) feed.reader = &reader;
+    if (!plan.fits) feed.reader = &reader;
     feed.width = info.width;
     feed.height = info.height;
-    FrameSink sink(*writer, queued, &spares);
-    int64_t next = o.start;
+    FrameSink sink(*writer, plan.queued, &spares);
+    int64_t done = 0;
     try {
-      while (next <= last) {
-        const int64_t batchLast = std::min(last, next + jobs - 1);
-        FeedFrames(clip, feed, batchLast + window.ahead);
-        if (feed.read <= next) break;  // the clip ended first
-        const int64_t upTo = std::min(batchLast, feed.read - 1);
-        if (feed.reader) HandStackFrames(clip, feed, next, upTo, frames, offset, budget / frameBytes);
-        RenderFrames(clip, next, upTo, jobs, feed, sink);
-        next = upTo + 1;
-        const int64_t keep = std::max<int64_t>(0, next - window.back);
-        clip.RemoveBefore(keep);
-        feed.decoded.erase(feed.decoded.begin(), feed.decoded.lower_bound(keep));
-        feed.inHost.erase(feed.inHost.begin(), feed.inHost.lower_bound(keep));
-        progress.Update(next - o.start);
-        CheckInterrupt();
-      }
-      if (feed.read == 0) throw Failure(o.input + " has no frames");
-      if (next == o.start) throw Failure(PastTheEnd(o.start, feed.read - 1));
+      done = RenderOnHost(clip, feed, sink, plan, o, last, progress);
     } catch (const Interrupted&) {
       throw;
     } catch (...) {
@@ -723,7 +753,6 @@ int Run(aehost::AeHost& host, const Options& o) {
       throw;
     }
     sink.Flush();
-    const int64_t done = next - o.start;
     writer->Finish();
     const std::vector<std::string> files = writer->Files();
     writer.reset();

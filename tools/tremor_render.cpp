@@ -34,6 +34,23 @@ int Fail(const std::string& message, int code = 1) {
   return code;
 }
 
+// The output as given after -o or after INPUT, FFmpeg's way; "" when it is
+// usable, else why not.
+std::string SettleOutput(render::Options& o) {
+  if (!o.outputArgument.empty()) {
+    if (!o.output.empty() && o.output != o.outputArgument)
+      return "two outputs given: -o " + o.output + " and " + o.outputArgument;
+    o.output = o.outputArgument;
+  }
+  if (o.format == "null") {
+    if (o.output.empty()) o.output = "-";
+    if (o.output != "-") return "-f null writes nothing: give '-' as its output";
+    if (o.host != "engine") return "-f null renders on the engine only";
+  }
+  if (o.input.empty() || o.output.empty()) return "INPUT and -o OUTPUT are required (see --help)";
+  return "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -79,17 +96,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     return Fail(e.what());
   }
-  if (!o.outputArgument.empty()) {
-    if (!o.output.empty() && o.output != o.outputArgument)
-      return Fail("two outputs given: -o " + o.output + " and " + o.outputArgument, 2);
-    o.output = o.outputArgument;
-  }
-  if (o.format == "null") {
-    if (o.output.empty()) o.output = "-";
-    if (o.output != "-") return Fail("-f null writes nothing: give '-' as its output", 2);
-    if (o.host != "engine") return Fail("-f null renders on the engine only", 2);
-  }
-  if (o.input.empty() || o.output.empty()) return Fail("INPUT and -o OUTPUT are required (see --help)", 2);
+  if (const std::string why = SettleOutput(o); !why.empty()) return Fail(why, 2);
   if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
   // After Effects hands the effect 128-bit frames only.
   if (o.precision != "float" && o.host != "premiere") return Fail("--precision half needs --host premiere", 2);
