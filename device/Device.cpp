@@ -11,6 +11,7 @@
 #include <sstream>
 
 extern const DeviceKind kOpenCLDeviceKind;
+extern const DeviceKind kReferenceDeviceKind;
 #ifdef TD_HAVE_CUDA
 extern const DeviceKind kCudaDeviceKind;
 #endif
@@ -21,6 +22,7 @@ const std::vector<const DeviceKind*>& DeviceKinds() {
       &kCudaDeviceKind,
 #endif
       &kOpenCLDeviceKind,
+      &kReferenceDeviceKind,  // last: "auto" takes it only where nothing else is
   };
   return kinds;
 }

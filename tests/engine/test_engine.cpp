@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "CpuRender.h"
+#include "Device.h"
 #include "Engine.h"
 #include "ModuleHostTest.h"
 #include "TremorDistiller_Controls.h"
@@ -69,29 +70,6 @@ class MemoryClip : public engine::ClipSource {
   }
   FrameDepth depth_;
   std::vector<engine::SourcePicture> frames_;
-};
-
-// The CPU reference as an engine device: frames and scratch in host memory.
-void* HostAllocate(const Device&, size_t bytes) { return new uint8_t[bytes](); }
-void HostRelease(const Device&, void* b) { delete[] static_cast<uint8_t*>(b); }
-void HostCopyIn(const Device&, void* b, const void* d, size_t n) { std::memcpy(b, d, n); }
-void HostCopyOut(const Device&, void* b, void* d, size_t n) { std::memcpy(d, b, n); }
-void HostFill(const Device&, void* b, uint8_t v, size_t n) { std::memset(b, v, n); }
-void HostCopy(const Device&, void* d, const void* s, size_t n) { std::memcpy(d, s, n); }
-const DeviceKind kReferenceKind{"reference", "CPU reference", "", -1,        nullptr,  nullptr,  nullptr,
-                                nullptr,     HostAllocate,    HostRelease, HostCopyIn, HostCopyOut, HostFill, HostCopy,
-                                nullptr,     nullptr,         nullptr,     nullptr};
-
-struct ReferenceDevice {
-  Device device;
-  engine::EngineDevice engine;
-  ReferenceDevice() {
-    device.kind = &kReferenceKind;
-    device.name = "CPU reference";
-    engine.device = &device;
-    engine.stackKernel = true;
-    engine.frameStackHost = [](const FrameStackJob& job) { return MakeCpuFrameStackHost(CpuLaunchConfig{}, job); };
-  }
 };
 
 struct Scene {
@@ -197,8 +175,8 @@ TEST_P(EngineAgainstModule, OnPoCL) {
 TEST_P(EngineAgainstModule, OnTheCpuReference) {
   if (GetParam().motion || GetParam().chromatic)
     GTEST_SKIP() << "displaced reads turn the devices' last-bit differences into other pixels; PoCL covers these";
-  ReferenceDevice reference;
-  ExpectSame(reference.engine, 1e-4f);
+  engine::OpenedDevice reference("reference");
+  ExpectSame(reference.Get(), 1e-4f);
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenes, EngineAgainstModule, ::testing::ValuesIn(kScenes),
@@ -227,9 +205,9 @@ engine::Settings Controls(double frames, double offset) {
 // CPU reference's own loop over the same float frames.
 TEST(Engine, TwoFrameStackIsThePairsOnePass) {
   MemoryClip clip(FRAME_DEPTH_U8, 4);
-  ReferenceDevice reference;
+  engine::OpenedDevice reference("reference");
   engine::Settings s = Controls(2, 1);
-  engine::Engine eng(reference.engine, clip, s);
+  engine::Engine eng(reference.Get(), clip, s);
   std::vector<float> got;
   eng.Render(3, got);
   std::vector<float> frames[2], out(got.size());
@@ -252,16 +230,16 @@ TEST(Engine, TwoFrameStackIsThePairsOnePass) {
 // whichever thread, and with a cache too small for one clip's reach.
 TEST(Engine, FramesDoNotDependOnHistoryOrThreads) {
   MemoryClip clip(FRAME_DEPTH_U8, kFrames);
-  ReferenceDevice reference;
+  engine::OpenedDevice reference("reference");
   engine::Settings s = Controls(12, 1.5);
   std::vector<std::vector<float>> forward(kFrames);
   {
-    engine::Engine eng(reference.engine, clip, s);
+    engine::Engine eng(reference.Get(), clip, s);
     for (int k = 0; k < kFrames; ++k) eng.Render(k, forward[k]);
     EXPECT_EQ(eng.Fetches(), static_cast<uint64_t>(kFrames));  // each frame fetched once
   }
   s.cacheBytes = uint64_t{kWidth} * kHeight * 4 * 12;  // one stack's frames, no more
-  engine::Engine eng(reference.engine, clip, s);
+  engine::Engine eng(reference.Get(), clip, s);
   std::vector<std::vector<float>> shuffled(kFrames);
   auto work = [&](int first) {
     for (int k = kFrames - 1 - first; k >= 0; k -= 2) eng.Render(k, shuffled[k]);
@@ -275,9 +253,9 @@ TEST(Engine, FramesDoNotDependOnHistoryOrThreads) {
 
 TEST(Engine, MissingFrameAndBadPicturesAreErrors) {
   MemoryClip clip(FRAME_DEPTH_U8, 3);
-  ReferenceDevice reference;
+  engine::OpenedDevice reference("reference");
   engine::Settings s = Controls(3, 1);
-  engine::Engine eng(reference.engine, clip, s);
+  engine::Engine eng(reference.Get(), clip, s);
   std::vector<float> out;
   EXPECT_THROW(eng.Render(3, out), engine::EngineError);
   EXPECT_THROW(eng.Render(-1, out), engine::EngineError);
@@ -290,7 +268,7 @@ TEST(Engine, MissingFrameAndBadPicturesAreErrors) {
       return true;
     }
   } odd;
-  engine::Engine mixed(reference.engine, odd, s);
+  engine::Engine mixed(reference.Get(), odd, s);
   try {
     mixed.Render(1, out);
     FAIL() << "frames of two sizes rendered";
