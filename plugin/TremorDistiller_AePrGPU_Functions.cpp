@@ -307,11 +307,9 @@ int32_t InitializeGPU(GPUFramework framework, KernelList* list, void* device, vo
   status.noDevice = false;
   status.softwareRenderSeen = false;
   switch (framework) {
-    case CUDA: ShowDeviceIdentity(); return 0;
-    case OpenCL: {
-      ShowDeviceIdentity();
+    case CUDA: return 0;
+    case OpenCL:
       return InitializeOpenCL(list, static_cast<cl_device_id>(device), static_cast<cl_context>(context), failureCode);
-    }
     case Metal: LOG_ERROR("Metal is not available"); return failureCode;
     default: LOG_ERROR("Unsupported GPU type"); return failureCode;
   }
@@ -351,7 +349,7 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
                   const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
                   int32_t failureCode) {
   SetPassMotionValues(kernelData);
-  RestoreDeviceIdentity();
+  ShowDeviceIdentity(kernels);
   if (framework == CUDA) return RenderPassCUDA(buffers, kernelData, mainArgs, preArgs, curArgs, blockSize, failureCode);
   if (!kernels) {
     LOG_ERROR("KernelList pointer is null");
@@ -369,7 +367,7 @@ int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* 
                        const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
                        const StackChunk& chunk, unsigned int blockSize, int32_t failureCode) {
   SetPassMotionValues(kernelData);
-  RestoreDeviceIdentity();
+  ShowDeviceIdentity(kernels);
   if (framework == CUDA) return RenderStackCUDA(buffers, kernelData, mainArgs, chunk, blockSize, failureCode);
   if (!kernels) {
     LOG_ERROR("KernelList pointer is null");

@@ -17,7 +17,8 @@ inline constexpr int32_t kPrGPUFailureCode = static_cast<int32_t>(0x80000000u);
 int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context context, int32_t failureCode);
 
 // A device the host offers: the effect's kernels on it, and the status record's
-// framework and identity. `device` and `context` are read on OpenCL only.
+// framework. The GPU's identity waits for the device's first pass, so a device
+// refused here is never named. `device` and `context` are read on OpenCL only.
 int32_t InitializeGPU(GPUFramework framework, KernelList* list, void* device, void* context, int32_t failureCode);
 
 // Releases what InitializeGPU made; never throws.

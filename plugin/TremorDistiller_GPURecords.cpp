@@ -35,24 +35,34 @@ GPUStatusText ReadGPUStatusText() {
   return *status.text;
 }
 
-void ShowDeviceIdentity() {
+namespace {
+
+// The notice goes with the name's return: a GPU frame was made after all.
+void ShowName(GPUStatusText& text, const std::string& gpuName, const std::string& osVersion) {
+  text.gpuName = gpuName;
+  text.osVersion = osVersion;
+  text.noticeLine1.clear();
+  text.noticeLine2.clear();
+}
+
+}  // namespace
+
+void ShowDeviceIdentity(const KernelList* device) {
+  GPUStatus& status = GetGPUStatus();
+  {
+    std::lock_guard<std::mutex> lock(status.mutex);
+    if (!device || device->identityShown) {
+      if (status.text->gpuName.empty()) ShowName(*status.text, status.deviceGpuName, status.deviceOsVersion);
+      return;
+    }
+    // Claimed now: the device's other renders go on meanwhile, and none of
+    // them reads or logs the identity again.
+    device->identityShown = true;
+  }
   GPUStatusText identity;
   FillGPUIdentity(identity);  // outside the lock: it logs and may take a while
-  GPUStatus& status = GetGPUStatus();
   std::lock_guard<std::mutex> lock(status.mutex);
   status.deviceGpuName = identity.gpuName;
   status.deviceOsVersion = identity.osVersion;
-  status.text->gpuName = identity.gpuName;
-  status.text->osVersion = identity.osVersion;
-}
-
-void RestoreDeviceIdentity() {
-  GPUStatus& status = GetGPUStatus();
-  std::lock_guard<std::mutex> lock(status.mutex);
-  GPUStatusText& text = *status.text;
-  if (!text.gpuName.empty()) return;
-  text.gpuName = status.deviceGpuName;
-  text.osVersion = status.deviceOsVersion;
-  text.noticeLine1.clear();
-  text.noticeLine2.clear();
+  ShowName(*status.text, identity.gpuName, identity.osVersion);
 }

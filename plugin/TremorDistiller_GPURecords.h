@@ -32,9 +32,13 @@ struct KernelEntry {
 
 // Slot 0 MainKernel, slot 1 ResizeKernel, slot 2 StackKernel, by position.
 // cpuDevice: the OpenCL device runs on the CPU (StackKernel's launch shape).
+// identityShown: the device's first pass has read the GPU identity. Passes get
+// the list as const and set it under GPUStatus::mutex; the hosts hand it over
+// zeroed, so a device set up anew reads it anew.
 struct KernelList {
   KernelEntry entries[3];
   bool cpuDevice;
+  mutable bool identityShown;
 };
 
 struct GPUStatusText {
@@ -52,8 +56,8 @@ struct GPUStatus {
   std::atomic<bool> noDevice{true};
   std::atomic<bool> softwareRenderSeen{false};
   std::mutex mutex;
-  // What the latest device set-up read of the adapter and OS, so a render can
-  // bring the name back after a notice without reading the adapter again.
+  // What the latest device's first pass read of the adapter and OS, so a
+  // render can bring the name back after a notice without reading it again.
   std::string deviceGpuName;
   std::string deviceOsVersion;
 };
@@ -70,11 +74,12 @@ GPUStatusText ReadGPUStatusText();
 // Logs the adapter and OS and sets gpuName and osVersion.
 void FillGPUIdentity(GPUStatusText& text);
 
-// At device set-up: reads the identity once for this device and shows it.
-void ShowDeviceIdentity();
-// At each pass: after a notice took the name down, the device's name comes
-// back and the notice goes. Reads nothing and logs nothing.
-void RestoreDeviceIdentity();
+// At each pass. A device's first pass reads the identity and shows it, once
+// however many of its renders run at once; a device refused at set-up never
+// gets here, so the UI never names one. Every other pass reads and logs
+// nothing: after a notice took the name down, the name comes back and the
+// notice goes. `device` null (CUDA needs no list): nothing to read once for.
+void ShowDeviceIdentity(const KernelList* device);
 
 // "NVIDIA GeForce RTX 3080 Ti" -> "RTX 3080"; unchanged when nothing matches.
 std::string ShortGPUName(const std::string& description);

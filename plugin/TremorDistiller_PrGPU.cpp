@@ -23,12 +23,16 @@ GPUFramework FrameworkFromPrDeviceFramework(PrGPUDeviceFramework framework) {
 
 namespace {
 
+// The filter calls four of the seven suites it keeps; the image processing,
+// memory manager and transition suites are kept for the host's sake only.
+enum class SuiteUse { Called, KeptOnly };
+
 template <typename Suite>
-prSuiteError Acquire(SPBasicSuite* basic, const char* name, int32_t version, const Suite** suite) {
+prSuiteError Acquire(SPBasicSuite* basic, const char* name, int32_t version, const Suite** suite, SuiteUse use) {
   const void* table = nullptr;
   if (basic) basic->AcquireSuite(name, version, &table);
   *suite = static_cast<const Suite*>(table);
-  if (table) return suiteError_NoError;
+  if (table || use == SuiteUse::KeptOnly) return suiteError_NoError;
   // Every later call would go through this pointer: the instance is refused now.
   LOG_ERROR_IN("PrGPUFilterBase::Initialize", "Not able to acquire suite: ", name, " ", version);
   return kPrGPUFailureCode;
@@ -46,15 +50,18 @@ prSuiteError PrGPUFilterBase::Initialize(PrGPUFilterInstance* ioInstanceData) {
   mTimelineID = ioInstanceData->inTimelineID;
   mNodeID = ioInstanceData->inNodeID;
   SPBasicSuite* basic = mSuites && mSuites->utilFuncs ? mSuites->utilFuncs->getSPBasicSuite() : nullptr;
-  // All seven are asked for, in this order, whatever becomes of the first.
+  // All seven are asked for, in this order, whatever becomes of the first;
+  // only a missing one that the filter calls refuses the instance.
   const prSuiteError results[] = {
-      Acquire(basic, kPrSDKGPUDeviceSuite, kPrSDKGPUDeviceSuiteVersion, &mGPUDeviceSuite),
-      Acquire(basic, kPrSDKGPUImageProcessingSuite, kPrSDKGPUImageProcessingSuiteVersion, &mGPUImageProcessingSuite),
-      Acquire(basic, kPrSDKMemoryManagerSuite, kPrSDKMemoryManagerSuiteVersion, &mMemoryManagerSuite),
-      Acquire(basic, kPrSDKPPixSuite, kPrSDKPPixSuiteVersion, &mPPixSuite),
-      Acquire(basic, kPrSDKPPix2Suite, kPrSDKPPix2SuiteVersion, &mPPix2Suite),
-      Acquire(basic, kPrSDKTransitionSuite, kPrSDKTransitionSuiteVersion, &mTransitionSuite),
-      Acquire(basic, kPrSDKVideoSegmentSuite, kPrSDKVideoSegmentSuiteVersion, &mVideoSegmentSuite)};
+      Acquire(basic, kPrSDKGPUDeviceSuite, kPrSDKGPUDeviceSuiteVersion, &mGPUDeviceSuite, SuiteUse::Called),
+      Acquire(basic, kPrSDKGPUImageProcessingSuite, kPrSDKGPUImageProcessingSuiteVersion, &mGPUImageProcessingSuite,
+              SuiteUse::KeptOnly),
+      Acquire(basic, kPrSDKMemoryManagerSuite, kPrSDKMemoryManagerSuiteVersion, &mMemoryManagerSuite,
+              SuiteUse::KeptOnly),
+      Acquire(basic, kPrSDKPPixSuite, kPrSDKPPixSuiteVersion, &mPPixSuite, SuiteUse::Called),
+      Acquire(basic, kPrSDKPPix2Suite, kPrSDKPPix2SuiteVersion, &mPPix2Suite, SuiteUse::Called),
+      Acquire(basic, kPrSDKTransitionSuite, kPrSDKTransitionSuiteVersion, &mTransitionSuite, SuiteUse::KeptOnly),
+      Acquire(basic, kPrSDKVideoSegmentSuite, kPrSDKVideoSegmentSuiteVersion, &mVideoSegmentSuite, SuiteUse::Called)};
   for (const prSuiteError r : results)
     if (r != suiteError_NoError) return r;
   mGPUDeviceSuite->GetDeviceInfo(kPrSDKGPUDeviceSuiteVersion, mDeviceIndex, &mDeviceInfo);

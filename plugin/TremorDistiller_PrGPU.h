@@ -24,6 +24,8 @@ class PrGPUFilterBase {
   // input layer. All zero after a failure, which is logged.
   PrParam GetParam(csSDK_int32 paramIndex, PrTime time);
 
+  // The image processing, memory manager and transition suites are never
+  // called: null where the host lacks them, which refuses nothing.
   const PrSDKGPUDeviceSuite* mGPUDeviceSuite = nullptr;
   const PrSDKGPUImageProcessingSuite* mGPUImageProcessingSuite = nullptr;
   const PrSDKMemoryManagerSuite* mMemoryManagerSuite = nullptr;

@@ -1,12 +1,15 @@
 #include <d3d9.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,7 +18,7 @@
 
 #include "GpuTestSupport.h"
 #include "LogsController.h"
-#include "TremorDistiller_GPURecords.h"
+#include "TremorDistiller_AePrGPU_Functions.h"
 
 namespace fs = std::filesystem;
 
@@ -110,6 +113,121 @@ TEST_F(GPUIdentityTest, AnAdapterIsLoggedAndNamedShortAndWithoutOneOnlyTheOsLine
     EXPECT_EQ(Records().back(), "GPU: RTX 3080, OS: " + os_) << static_cast<int>(mode);
     EXPECT_EQ(text.gpuName, "RTX 3080");
   }
+}
+
+// ---- When: at a device's first pass, once ----
+
+// A device's passes with the adapter steered to one known GPU, from an empty
+// status. The pass is Metal's, which draws nothing: the identity step comes
+// before the framework's branch, so it is all that runs.
+class DeviceIdentityTest : public GPUIdentityTest {
+ protected:
+  void SetUp() override {
+    GPUIdentityTest::SetUp();
+    D3DADAPTER_IDENTIFIER9 id = {};
+    std::strcpy(id.Driver, "nvldumdx.dll");
+    std::strcpy(id.Description, "NVIDIA GeForce RTX 3080 Ti");
+    std::strcpy(id.DeviceName, "\\\\.\\DISPLAY1");
+    SetAdapterIdentifierOverride(&id);
+    EditGPUStatusText([](GPUStatusText& t) { t = GPUStatusText{}; });
+    std::lock_guard<std::mutex> lock(GetGPUStatus().mutex);
+    GetGPUStatus().deviceGpuName.clear();
+    GetGPUStatus().deviceOsVersion.clear();
+  }
+
+  static int32_t Pass(const KernelList* device) {
+    const PassBuffers buffers{};
+    KernelData kd{};
+    const MainKernelArgs main{};
+    const ResizeKernelArgs none{};
+    return GPURender(Metal, device, nullptr, nullptr, buffers, kd, main, none, none, 16, 512);
+  }
+
+  size_t Count(const std::string& record) {
+    const std::vector<std::string> records = Records();
+    return static_cast<size_t>(std::count(records.begin(), records.end(), record));
+  }
+  // The identity's records: the adapter's three and the summary.
+  size_t IdentityRecords() {
+    size_t n = 0;
+    for (const std::string& r : Records()) n += r.rfind("GPU", 0) == 0;
+    return n;
+  }
+
+  const std::string summary_ = "GPU: RTX 3080, OS: " + os_;
+};
+
+// Set-up reads nothing, so a device it refuses leaves no name for the
+// control to show; the one it accepts is named at its first pass.
+TEST_F(DeviceIdentityTest, SetUpNamesNoDeviceSoARefusedOneIsNeverNamed) {
+  ScopedGPUCalls restore;
+  OpenCLCalls& cl = GetOpenCLCalls();
+  cl.getDeviceInfo = [](cl_device_id, cl_device_info, size_t, void*, size_t*) -> cl_int { return CL_INVALID_DEVICE; };
+  cl.createProgramWithSource = [](cl_context, cl_uint, const char**, const size_t*, cl_int* err) -> cl_program {
+    *err = CL_OUT_OF_HOST_MEMORY;
+    return nullptr;
+  };
+  cl.getProgramBuildInfo = [](cl_program, cl_device_id, cl_program_build_info, size_t, void*, size_t*) -> cl_int {
+    return CL_INVALID_PROGRAM;
+  };
+  KernelList refused{}, metal{}, cuda{};
+  EXPECT_EQ(InitializeGPU(OpenCL, &refused, nullptr, nullptr, 512), 512);
+  EXPECT_EQ(InitializeGPU(Metal, &metal, nullptr, nullptr, 512), 512);
+  EXPECT_EQ(InitializeGPU(CUDA, &cuda, nullptr, nullptr, 512), 0);
+  EXPECT_EQ(Count("Initialized new device: OpenCL"), 1u);
+  EXPECT_EQ(IdentityRecords(), 0u);
+  GPUStatusText text = ReadGPUStatusText();
+  EXPECT_EQ(text.gpuName, "");
+  EXPECT_EQ(text.osVersion, "");
+  EXPECT_EQ(text.frameworkName, "CUDA");
+
+  EXPECT_EQ(Pass(&cuda), 0);
+  EXPECT_EQ(Records().back(), summary_);
+  EXPECT_EQ(IdentityRecords(), 4u);
+  text = ReadGPUStatusText();
+  EXPECT_EQ(text.gpuName, "RTX 3080");
+  EXPECT_EQ(text.osVersion, os_);
+}
+
+// Each device's first pass reads and logs the identity; its later passes and
+// passes without a list read and log nothing, also where no adapter is found
+// and the name stays empty.
+TEST_F(DeviceIdentityTest, EachDeviceIsReadAtItsFirstPassOnly) {
+  KernelList first{}, second{}, unnamed{};
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Pass(&first), 0);
+  EXPECT_EQ(Records(), (std::vector<std::string>{"GPU DeviceName: \\\\.\\DISPLAY1", "GPU Driver: nvldumdx.dll",
+                                                 "GPU Description: NVIDIA GeForce RTX 3080 Ti", summary_}));
+  EXPECT_EQ(Pass(nullptr), 512);  // refused for want of a list, after the identity step
+  EXPECT_EQ(IdentityRecords(), 4u);
+
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Pass(&second), 0);
+  EXPECT_EQ(Count("GPU Description: NVIDIA GeForce RTX 3080 Ti"), 2u);
+  EXPECT_EQ(Count(summary_), 2u);
+
+  SetAdapterStandIn(AdapterStandIn::Missing);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Pass(&unnamed), 0);
+  EXPECT_EQ(Count("GPU: , OS: " + os_), 1u);
+  EXPECT_EQ(IdentityRecords(), 9u);
+}
+
+// Renders of two devices at once, each thread's first pass racing its
+// device's others: one read per device. Under ThreadSanitizer this also
+// holds the flag and the texts to their lock.
+TEST_F(DeviceIdentityTest, ThreadedFirstPassesReadEachDeviceOnce) {
+  KernelList devices[2] = {};
+  std::atomic<int> waiting{8};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      --waiting;
+      while (waiting.load() > 0) std::this_thread::yield();
+      for (int i = 0; i < 25; ++i) EXPECT_EQ(Pass(&devices[t % 2]), 0);
+    });
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(Count("GPU Description: NVIDIA GeForce RTX 3080 Ti"), 2u);
+  EXPECT_EQ(Count(summary_), 2u);
+  EXPECT_EQ(IdentityRecords(), 8u);
+  EXPECT_EQ(ReadGPUStatusText().gpuName, "RTX 3080");
 }
 
 }  // namespace

@@ -214,6 +214,23 @@ TEST_F(AeRender, ThreadedRendersEqualSerialOnesAndKeepTheirOwnCallbacks) {
   EXPECT_NE(serial[0].rgba, serial[1].rgba);
 }
 
+// The device is named at its first render, not at its set-up, and once
+// however many frames render on it at once; a device set up anew is read anew.
+TEST_F(AeRender, ThreadedFirstRendersOfADeviceLogItsIdentityOnce) {
+  SetUpGpu();
+  EXPECT_EQ(LogCount("HLL :: Initialized new device: OpenCL\n"), 1u) << Log();
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 0u);
+  std::vector<A_long> times;
+  for (int k : {11, 10, 9, 8, 7, 6}) times.push_back(host_->FrameTime(k));
+  for (const auto& r : host_->RenderMany(times, 3, RenderPath::SmartGPU)) ASSERT_EQ(r.result, 0);
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 1u) << Log();
+  ASSERT_EQ(host_->SetdownDevice(), PF_Err_NONE);
+  ASSERT_EQ(host_->SetupDevice(), PF_Err_NONE);
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 1u);
+  ASSERT_EQ(host_->Render(times[0], RenderPath::SmartGPU).result, PF_Err_NONE);
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 2u) << Log();
+}
+
 TEST_F(AeHostTest, LoadFailuresNameWhatIsMissingOnOneLine) {
   std::ifstream in(fs::path(ModulePath()).replace_extension(".pipl"), std::ios::binary);
   const std::string pipl((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -4,10 +4,14 @@
 // effect's objects linked in here, whose GPU status a test can set; the built
 // module answers the same commands.
 
+#include <d3d9.h>
+
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "GpuTestSupport.h"
 #include "ModuleHostTest.h"
 #include "TremorDistiller.h"
 #include "TremorDistiller_GPURecords.h"
@@ -148,6 +152,42 @@ TEST_F(CustomUI, ControlShowsThePictureAndTheGPUOrTheNotice) {
       EXPECT_LT(labelRed, 0.12f);
     }
   }
+}
+
+// The control names the GPU from the device's first GPU frame on. Set-up
+// names nothing, so a device refused there never shows, and neither does an
+// accepted one before it has rendered.
+TEST_F(CustomUI, TheGPUIsNamedFromItsFirstFrameAndARefusedOneNever) {
+  struct SteeredAdapter {
+    SteeredAdapter() {
+      D3DADAPTER_IDENTIFIER9 id = {};
+      std::strcpy(id.Description, "NVIDIA GeForce RTX 3080 Ti");
+      SetAdapterIdentifierOverride(&id);
+    }
+    ~SteeredAdapter() { SetAdapterIdentifierOverride(nullptr); }
+  } adapter;
+  SetStatus("", "", "");
+  AeHost& host = Host();
+  for (int k = 0; k < 12; ++k) host.AddFrame(host.FrameTime(k), aehost::Image(24, 8, 0.05f * static_cast<float>(k)));
+  const DrawCall background = Call("FillPath", "", 10, 100, 250, 90, kBackground);
+  const DrawCall picture = Call("DrawImage", "", 10, 100, 250, 70, {}, 0, 1.0f);
+  const std::vector<std::string> unnamed = Describe(std::vector<DrawCall>{background, picture});
+  {
+    ScopedGPUCalls restore;
+    GetOpenCLCalls().buildProgram = [](cl_program, cl_uint, const cl_device_id*, const char*,
+                                       void(CL_CALLBACK*)(cl_program, void*),
+                                       void*) -> cl_int { return CL_BUILD_PROGRAM_FAILURE; };
+    EXPECT_EQ(host.SetupDevice(), PF_Err_INTERNAL_STRUCT_DAMAGED);
+  }
+  EXPECT_EQ(Describe(host.SendEvent(Control()).calls), unnamed);
+  EXPECT_EQ(host.SetdownDevice(), PF_Err_NONE);
+
+  ASSERT_EQ(host.SetupDevice(), PF_Err_NONE);
+  EXPECT_EQ(Describe(host.SendEvent(Control()).calls), unnamed);
+  ASSERT_EQ(host.Render(host.FrameTime(11), aehost::RenderPath::SmartGPU).result, PF_Err_NONE);
+  EXPECT_EQ(Describe(host.SendEvent(Control()).calls),
+            Describe(std::vector<DrawCall>{background, picture, Call("DrawString", "GPU:", 15, 184, 0, 0, kLabel, 11),
+                                           Call("DrawString", "RTX 3080 OpenCL", 42, 184, 0, 0, kName, 11)}));
 }
 
 TEST_F(CustomUI, WithoutThePictureOnlyTheTextIsDrawn) {

@@ -360,14 +360,69 @@ TEST_F(PrRender, FailedRendersReportAndLeaveNoFrames) {
   EXPECT_EQ(LogCount("Cannot allocate GPU buffers"), 4u);
   pr_->ClearInjections();
   EXPECT_EQ(pr_->LiveFrameCount(), 0u);
+}
 
-  // A suite the host lacks refuses the instance at creation.
-  pr_->DisposeInstances();
-  pr_->RemoveSuite("PF Transition Suite");
+// The host is asked for all seven suites, in order, whatever it lacks; only a
+// missing one of the four the filter calls refuses the instance. Without one
+// of the three it merely keeps, the instance renders what it renders with all.
+TEST_F(PrRender, OnlyASuiteTheFilterCallsIsNeeded) {
+  const auto all = pr_->Render({11});
+  ASSERT_EQ(all.result, 0);
+  const std::vector<std::string> asked = {"MediaCore GPU Device Suite v2",    "MediaCore GPU Image Processing Suite v1",
+                                          "Premiere Memory Manager Suite v4", "Premiere PPix Suite v1",
+                                          "Premiere PPix 2 Suite v3",         "PF Transition Suite v2",
+                                          "MediaCore Video Segment Suite v9"};
+  const struct {
+    const char* suite;
+    bool called;
+  } rows[] = {{"MediaCore GPU Image Processing Suite", false},
+              {"Premiere Memory Manager Suite", false},
+              {"PF Transition Suite", false},
+              {"MediaCore GPU Device Suite", true},
+              {"Premiere PPix Suite", true},
+              {"Premiere PPix 2 Suite", true},
+              {"MediaCore Video Segment Suite", true}};
+  size_t refusals = 0;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.suite);
+    pr_->DisposeInstances();
+    pr_->ClearInjections();
+    pr_->ClearCallLog();
+    pr_->RemoveSuite(row.suite);
+    PrGPUFilterInstance* instance = nullptr;
+    EXPECT_EQ(pr_->Instance(1, &instance), row.called ? kFail : 0);
+    EXPECT_EQ(instance == nullptr, row.called);
+    std::vector<std::string> acquired;
+    for (const auto& c : pr_->CallLog())
+      if (c.op == "AcquireSuite") {
+        acquired.push_back(c.args);
+        EXPECT_EQ(c.result != 0, c.args.rfind(row.suite + std::string(" v"), 0) == 0) << c.args;
+      }
+    EXPECT_EQ(acquired, asked);
+    refusals += row.called;
+    EXPECT_EQ(LogCount("PrGPUFilterBase::Initialize] :: Not able to acquire suite: "), refusals) << Log();
+    if (row.called) {
+      EXPECT_EQ(LogCount(std::string("Not able to acquire suite: ") + row.suite + " "), 1u);
+      continue;
+    }
+    const auto r = pr_->Render({11});
+    ASSERT_EQ(r.result, 0);
+    EXPECT_EQ(r.framesLeft, 0u);
+    EXPECT_EQ(r.output.rgba, all.output.rgba);
+  }
+}
+
+// The device is named at its first render, not when the instance is made,
+// and once however many of its frames render at once.
+TEST_F(PrRender, ThreadedFirstRendersOfAnInstanceLogTheIdentityOnce) {
   PrGPUFilterInstance* instance = nullptr;
-  EXPECT_EQ(pr_->Instance(2, &instance), kFail);
-  EXPECT_EQ(instance, nullptr);
-  EXPECT_EQ(LogCount("Not able to acquire suite: PF Transition Suite 2"), 1u);
+  ASSERT_EQ(pr_->Instance(1, &instance), 0);
+  EXPECT_EQ(LogCount("HLL :: Initialized new device: OpenCL\n"), 1u) << Log();
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 0u);
+  std::vector<PrRenderRequest> requests;
+  for (int64_t k : {11, 10, 9, 8, 7, 6}) requests.push_back({k});
+  for (const auto& r : pr_->RenderMany(requests, 3)) ASSERT_EQ(r.result, 0);
+  EXPECT_EQ(LogCount("HLL :: GPU: "), 1u) << Log();
 }
 
 }  // namespace
