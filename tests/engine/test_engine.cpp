@@ -10,7 +10,6 @@
 #include <sstream>
 #include <thread>
 
-#include "CpuRender.h"
 #include "Device.h"
 #include "Engine.h"
 #include "ModuleHostTest.h"
@@ -92,7 +91,7 @@ std::string Name(const Scene& s) {
 
 const Scene kScenes[] = {
     {FRAME_DEPTH_U8, 10, 1.0, 1, 1, 1, false, false, false},
-    {FRAME_DEPTH_U8, 2, 1.0, 2, 2, 2, false, false, false},
+    {FRAME_DEPTH_U8, 3, 1.0, 2, 2, 2, false, false, false},
     {FRAME_DEPTH_U8, 3, 1.5, 1, 2, 3, true, false, false},
     {FRAME_DEPTH_U8, 15, 0.5, 2, 1, 1, false, false, false},
     {FRAME_DEPTH_U8, 16, -1.0, 1, 1, 2, true, false, false},
@@ -126,12 +125,8 @@ class EngineAgainstModule : public ModuleHostTest, public ::testing::WithParamIn
         {PARAM_FRAMES, s.frames},    {PARAM_FRAMES_OFFSET, s.offset},        {PARAM_BLENDING_MODE, s.blend},
         {PARAM_DIFFERENCE_ALGORITHM, s.diff}, {PARAM_OUTPUT, s.output},       {PARAM_NORMALIZE, s.normalize},
         {PARAM_MOTION_AMPLIFICATION, s.motion}, {PARAM_CHROMATIC_ABERRATION, s.chromatic}};
-    for (const auto& [id, v] : values) {
-      if (id == PARAM_FRAMES && v < 3) continue;  // below the slider: set on the engine only
-      host.SetParamValue(host.FindParam(id), v);
-    }
+    for (const auto& [id, v] : values) host.SetParamValue(host.FindParam(id), v);
     FillKernelData([&](int32_t id) { return Read(host, id); }, settings_.controls, &settings_.offset);
-    if (s.frames < 3) settings_.controls.numFrames = s.frames;
   }
   static double Read(aehost::AeHost& host, int32_t id) {
     const PF_ParamDef d = host.ParamValue(host.FindParam(id));
@@ -150,7 +145,6 @@ class EngineAgainstModule : public ModuleHostTest, public ::testing::WithParamIn
   // PoCL runs the module's kernels: the same picture is expected. The CPU
   // reference differs from PoCL by a few ulps, within whole frames' tolerance.
   void ExpectSame(const engine::EngineDevice& device, float tolerance) {
-    if (GetParam().frames < 3) GTEST_SKIP() << "the module's slider starts at 3 frames";
     engine::Engine eng(device, *clip_, settings_);
     for (int k : kOutputs) {
       std::vector<float> got;
@@ -199,31 +193,6 @@ engine::Settings Controls(double frames, double offset) {
       },
       s.controls, &s.offset);
   return s;
-}
-
-// Two-frame stacks lie below the module's slider: the engine against the
-// CPU reference's own loop over the same float frames.
-TEST(Engine, TwoFrameStackIsThePairsOnePass) {
-  MemoryClip clip(FRAME_DEPTH_U8, 4);
-  engine::OpenedDevice reference("reference");
-  engine::Settings s = Controls(2, 1);
-  engine::Engine eng(reference.Get(), clip, s);
-  std::vector<float> got;
-  eng.Render(3, got);
-  std::vector<float> frames[2], out(got.size());
-  for (int i = 0; i < 2; ++i) {
-    const aehost::Image img = clip.HostImage(3 - i);
-    frames[i] = img.rgba;
-    for (size_t p = 0; p + 3 < frames[i].size(); p += 4) std::swap(frames[i][p], frames[i][p + 2]);
-  }
-  FrameStackJob job;
-  for (auto& f : frames) job.frames.push_back({f.data(), kWidth, kHeight, kWidth * 16, 0, 0});
-  job.output = {out.data(), kWidth, kHeight, kWidth * 16, 0, 0};
-  job.is16f = false;
-  KernelData kd = s.controls;
-  job.kernelData = &kd;
-  ASSERT_EQ(CpuRenderFrameStack(CpuLaunchConfig{}, job), 0);
-  EXPECT_EQ(got, out);
 }
 
 // Frame N is the same whatever came before, in whatever order and on

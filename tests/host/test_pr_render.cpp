@@ -412,17 +412,4 @@ TEST_F(PrRender, OnlyASuiteTheFilterCallsIsNeeded) {
   }
 }
 
-// The device is named at its first render, not when the instance is made,
-// and once however many of its frames render at once.
-TEST_F(PrRender, ThreadedFirstRendersOfAnInstanceLogTheIdentityOnce) {
-  PrGPUFilterInstance* instance = nullptr;
-  ASSERT_EQ(pr_->Instance(1, &instance), 0);
-  EXPECT_EQ(LogCount("HLL :: Initialized new device: OpenCL\n"), 1u) << Log();
-  EXPECT_EQ(LogCount("HLL :: GPU: "), 0u);
-  std::vector<PrRenderRequest> requests;
-  for (int64_t k : {11, 10, 9, 8, 7, 6}) requests.push_back({k});
-  for (const auto& r : pr_->RenderMany(requests, 3)) ASSERT_EQ(r.result, 0);
-  EXPECT_EQ(LogCount("HLL :: GPU: "), 1u) << Log();
-}
-
 }  // namespace
