@@ -44,10 +44,11 @@ FrameStackHost MakeDeviceFrameStackHost(const Device& device, const KernelList* 
                                                             const ResizeKernelArgs& cur) {
     return GPURender(framework, kernels, device.context, device.queue, b, kd, m, pre, cur, 16, failureCode);
   };
-  host.runStack = [&device, kernels, framework, failureCode](const StackBuffers& b, KernelData& kd,
-                                                             const MainKernelArgs& m, const StackChunk& chunk) {
-    return GPURenderStack(framework, kernels, device.context, device.queue, b, kd, m, chunk, 16, failureCode);
-  };
+  if (StackKernelReady(framework, kernels))
+    host.runStack = [&device, kernels, framework, failureCode](const StackBuffers& b, KernelData& kd,
+                                                               const MainKernelArgs& m, const StackChunk& chunk) {
+      return GPURenderStack(framework, kernels, device.context, device.queue, b, kd, m, chunk, 16, failureCode);
+    };
   return host;
 }
 

@@ -46,15 +46,9 @@ OpenedDevice::OpenedDevice(const std::string& text) : device_(OpenDevice(text)) 
   }
   const KernelList* list = &kernels_->kernels.list;
   const Device* device = &device_;
-  engine_.device = device;
-  engine_.stackKernel = static_cast<GPUFramework>(device_.kind->framework) == CUDA
-                            ? GetCudaCalls().launchStack != nullptr
-                            : list->entries[2].kernel != nullptr;
-  const bool stack = engine_.stackKernel;
-  engine_.frameStackHost = [device, list, stack](const FrameStackJob& job) {
-    FrameStackHost host = MakeDeviceFrameStackHost(*device, list, job);
-    if (!stack) host.runStack = nullptr;
-    return host;
+  engine_.stackKernel = StackKernelReady(static_cast<GPUFramework>(device_.kind->framework), list);
+  engine_.frameStackHost = [device, list](const FrameStackJob& job) {
+    return MakeDeviceFrameStackHost(*device, list, job);
   };
 }
 
@@ -97,7 +91,9 @@ std::string Size(int w, int h) { return std::to_string(w) + "x" + std::to_string
 std::string Bytes(uint64_t n) {
   char text[32];
   const char* unit = n >= (uint64_t{1} << 30) ? "GiB" : n >= (uint64_t{1} << 20) ? "MiB" : "KiB";
-  const double scale = n >= (uint64_t{1} << 30) ? double(uint64_t{1} << 30) : n >= (uint64_t{1} << 20) ? 1048576.0 : 1024.0;
+  const double scale = n >= (uint64_t{1} << 30)   ? double(uint64_t{1} << 30)
+                       : n >= (uint64_t{1} << 20) ? 1048576.0
+                                                  : 1024.0;
   std::snprintf(text, sizeof text, "%.1f %s", n / scale, unit);
   return text;
 }
@@ -218,8 +214,7 @@ void Engine::Evict(int64_t keep) {
 void Engine::CheckStackFits() {
   // The frames of a stack away from the clip's ends (its time still exact in
   // float), where none repeats for want of frames.
-  const std::vector<int64_t> numbers = StackSourceFrames(10000, settings_.controls.numFrames,
-                                                         settings_.offset, -1);
+  const std::vector<int64_t> numbers = StackSourceFrames(10000, settings_.controls.numFrames, settings_.offset, -1);
   const uint64_t count = std::set<int64_t>(numbers.begin(), numbers.end()).size();
   const uint64_t frame = HeldFrameBytes();
   if (frame * count <= settings_.cacheBytes) return;

@@ -27,7 +27,7 @@ extern "C" {  // the header declares the entry points for C callers
 
 namespace {
 
-constexpr size_t kPixelBytes = 16;  // B, G, R, A floats on the device
+constexpr size_t kPixelBytes = 16;     // B, G, R, A floats on the device
 constexpr size_t kBytePixelBytes = 4;  // B, G, R, A bytes, for StackKernel
 
 // A frame the history holds, as floats or, where StackKernel reads the
@@ -146,7 +146,9 @@ struct Instance {
     const auto* pixels = reinterpret_cast<const float*>(bytes.data());
     auto* target = reinterpret_cast<uint8_t*>(out);
     // lround's value for 0..255, in double where x + 0.5 is exact.
-    auto to8 = [](float v) { return static_cast<uint8_t>(static_cast<double>(std::clamp(v, 0.0f, 1.0f) * 255.0f) + 0.5); };
+    auto to8 = [](float v) {
+      return static_cast<uint8_t>(static_cast<double>(std::clamp(v, 0.0f, 1.0f) * 255.0f) + 0.5);
+    };
     for (size_t p = 0, n = static_cast<size_t>(width) * height; p < n; ++p) {
       const float* bgra = pixels + 4 * p;
       uint8_t* rgba = target + 4 * p;
@@ -174,7 +176,10 @@ struct Instance {
       while (history.size() >= capacity) Retire(history.begin(), std::next(history.begin()));
     }
     // StackKernel reads bytes itself: a quarter of the memory and traffic.
-    const FrameDepth depth = kernels->list.entries[2].kernel && StackRunsFused(kd) ? FRAME_DEPTH_U8 : FRAME_DEPTH_PASS;
+    const FrameDepth depth =
+        StackKernelReady(static_cast<GPUFramework>(device->kind->framework), &kernels->list) && StackRunsFused(kd)
+            ? FRAME_DEPTH_U8
+            : FRAME_DEPTH_PASS;
     HoldAs(depth);
     Retire(history.lower_bound(now), history.upper_bound(now));
     history.emplace(now, Upload(reinterpret_cast<const uint8_t*>(in), depth));

@@ -89,10 +89,11 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
     return GPURender(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, pre, cur, 16,
                      kAeGPUFailureCode);
   };
-  host.runStack = [&](const StackBuffers& b, KernelData& kd, const MainKernelArgs& m, const StackChunk& chunk) {
-    return GPURenderStack(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, chunk, 16,
-                          kAeGPUFailureCode);
-  };
+  if (StackKernelReady(framework, kernels))
+    host.runStack = [&](const StackBuffers& b, KernelData& kd, const MainKernelArgs& m, const StackChunk& chunk) {
+      return GPURenderStack(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, chunk, 16,
+                            kAeGPUFailureCode);
+    };
   return RenderFrameStack(job, host);
 }
 

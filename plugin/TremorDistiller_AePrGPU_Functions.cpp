@@ -284,6 +284,11 @@ int32_t InitializeOpenCL(KernelList* list, cl_device_id device, cl_context conte
     std::strncpy(entry.name, kKernelNames[slot], sizeof entry.name - 1);
     entry.name[sizeof entry.name - 1] = '\0';
     cl_kernel kernel = cl.createKernel(program, entry.name, &err);
+    if (err != CL_SUCCESS && slot == 2) {
+      // StackKernel only saves time: without it every stack runs pass by pass.
+      LOG_INFO("StackKernel is not available on this device (", OpenCLErrorText(err), "); stacks render pass by pass");
+      break;
+    }
     result = err;
     if (result != 0) {
       LOG_ERROR("Can't initialize kernel function \"", entry.name, "\"");
@@ -361,6 +366,11 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
   if (framework == Metal) return 0;
   LOG_ERROR("Uknown GPU framework. Value: ", static_cast<int32_t>(framework));
   return failureCode;
+}
+
+bool StackKernelReady(GPUFramework framework, const KernelList* kernels) {
+  if (framework == CUDA) return GetCudaCalls().launchStack != nullptr;
+  return framework == OpenCL && kernels && kernels->entries[2].kernel;
 }
 
 int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,

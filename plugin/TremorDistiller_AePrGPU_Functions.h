@@ -32,6 +32,10 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
                   const ResizeKernelArgs& preArgs, const ResizeKernelArgs& curArgs, unsigned int blockSize,
                   int32_t failureCode);
 
+// Whether StackKernel launches can run on the device: a device that could
+// not make it renders every stack pass by pass.
+bool StackKernelReady(GPUFramework framework, const KernelList* kernels);
+
 // A chunk of the stack in one StackKernel launch, where StackRunsFused allows
 // it; otherwise as GPURender.
 int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,

@@ -215,10 +215,11 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
     return GPURender(framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle, b, k, m, pre,
                      cur, 16, kPrGPUFailureCode);
   };
-  host.runStack = [&](const StackBuffers& b, KernelData& k, const MainKernelArgs& m, const StackChunk& chunk) {
-    return GPURenderStack(framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle, b, k, m,
-                          chunk, 16, kPrGPUFailureCode);
-  };
+  if (StackKernelReady(framework, &kernels))
+    host.runStack = [&](const StackBuffers& b, KernelData& k, const MainKernelArgs& m, const StackChunk& chunk) {
+      return GPURenderStack(framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle, b, k,
+                            m, chunk, 16, kPrGPUFailureCode);
+    };
   return RenderFrameStack(job, host);
 }
 

@@ -137,6 +137,23 @@ TEST_P(DeviceRender, EveryModeMatchesTheReference) {
         }
 }
 
+// A device that could not make StackKernel renders every stack pass by pass,
+// to the same picture.
+TEST_P(DeviceRender, WithoutStackKernelStacksRenderPassByPass) {
+  if (std::get<0>(GetParam()) != "opencl") GTEST_SKIP() << "only OpenCL makes StackKernel as a kernel object";
+  const Scene s(Content::Random, 64, 32, 10, std::get<1>(GetParam()), 4, Form());
+  KernelData kd = DefaultKernelData();
+  kd.numFrames = s.numFrames;
+  const std::vector<unsigned char> fused = RenderOnDevice(s, kd);
+  void* stack = kernels_->list.entries[2].kernel;
+  kernels_->list.entries[2].kernel = nullptr;  // as InitializeOpenCL leaves it then
+  EXPECT_FALSE(StackKernelReady(OpenCL, &kernels_->list));
+  const std::vector<unsigned char> passes = RenderOnDevice(s, kd);
+  kernels_->list.entries[2].kernel = stack;
+  const Tolerance tol = ToleranceOf("opencl");
+  EXPECT_LE(Compare(s, passes, fused), std::get<1>(GetParam()) ? tol.f16 : tol.f32);
+}
+
 // The one-launch path gives the pass-by-pass loop's bits on the reference
 // device, for every mode and storage form, through chunk boundaries, on
 // canvases at negative and positive offsets or in place (3 frames), and at a

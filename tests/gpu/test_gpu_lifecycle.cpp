@@ -171,6 +171,19 @@ TEST_F(GpuLifecycle, ProgramBuildFailureRows) {
   EXPECT_STREQ(list_.entries[1].name, "ResizeKernel");
   EXPECT_EQ(log_.Count("Can't initialize kernel function \"ResizeKernel\""), 1u);
 
+  // StackKernel cannot be made: the device still renders, pass by pass, and says so once.
+  SetUp();
+  FakeCL::createKernelResult[2] = CL_INVALID_KERNEL_NAME;
+  EXPECT_EQ(InitializeOpenCL(&list_, nullptr, nullptr, 512), 0);
+  EXPECT_TRUE(list_.entries[0].kernel && list_.entries[1].kernel);
+  EXPECT_EQ(list_.entries[2].kernel, nullptr);
+  EXPECT_FALSE(StackKernelReady(OpenCL, &list_));
+  EXPECT_EQ(log_.Count("StackKernel is not available on this device (Code: 0xFFFFFFD2 (Invalid kernel name)); stacks "
+                       "render pass by pass"),
+            1u)
+      << log_.All();
+  EXPECT_EQ(log_.Count("Can't initialize kernel function \"StackKernel\""), 0u);
+
   EXPECT_EQ(InitializeOpenCL(nullptr, nullptr, nullptr, 512), 512);
   EXPECT_EQ(log_.Count("KernelList pointer is null"), 1u);
 }
