@@ -5,47 +5,43 @@
 #include "TremorDistiller_Parameters.h"
 #include "TremorDistiller_Schedule.h"
 
+void ApplyControl(int32_t diskId, double value, KernelData& kd, float* offset) {
+  switch (diskId) {
+    case PARAM_FRAMES: kd.numFrames = StackLength(value); break;
+    case PARAM_FRAMES_OFFSET:
+      if (offset) *offset = static_cast<float>(value);
+      break;
+    case PARAM_FRAMES_FADE: kd.percentEase = PercentEaseFromFade(value); break;
+    case PARAM_BLENDING_MODE: kd.blendMode = static_cast<BlendMode>(PopupFromAE(static_cast<A_long>(value))); break;
+    case PARAM_DIFFERENCE_ALGORITHM:
+      kd.diffMode = static_cast<DiffBlendMode>(PopupFromAE(static_cast<A_long>(value)));
+      break;
+    case PARAM_OUTPUT: kd.output = static_cast<ColorFrom>(PopupFromAE(static_cast<A_long>(value))); break;
+    case PARAM_NORMALIZE: kd.normalize = CheckboxOn(static_cast<A_long>(value)); break;
+    case PARAM_MOTION_AMPLIFICATION: kd.motion_amp = CheckboxOn(static_cast<A_long>(value)); break;
+    case PARAM_CHROMATIC_ABERRATION: kd.chromatic = CheckboxOn(static_cast<A_long>(value)); break;
+    default: break;
+  }
+}
+
 int32_t FillKernelData(const ControlReader& read, KernelData& kd, float* offset) {
   std::memset(&kd, 0, sizeof kd);
-  // Each control's meaning, in the order the controls are read.
-  using Apply = void (*)(double, KernelData&, float*);
-  static const struct {
-    int32_t diskId;
-    Apply apply;
-  } kShape[] = {
-      {PARAM_FRAMES, [](double v, KernelData& k, float*) { k.numFrames = StackLength(v); }},
-      {PARAM_FRAMES_OFFSET, [](double v, KernelData&, float* o) { *o = static_cast<float>(v); }},
-      {PARAM_FRAMES_FADE, [](double v, KernelData& k, float*) { k.percentEase = PercentEaseFromFade(v); }},
-      {PARAM_BLENDING_MODE, [](double v, KernelData& k,
-                               float*) { k.blendMode = static_cast<BlendMode>(PopupFromAE(static_cast<A_long>(v))); }},
-      {PARAM_DIFFERENCE_ALGORITHM,
-       [](double v, KernelData& k, float*) {
-         k.diffMode = static_cast<DiffBlendMode>(PopupFromAE(static_cast<A_long>(v)));
-       }},
-      {PARAM_OUTPUT,
-       [](double v, KernelData& k, float*) { k.output = static_cast<ColorFrom>(PopupFromAE(static_cast<A_long>(v))); }},
-  };
-  static const struct {
-    int32_t diskId;
-    gf_bool KernelData::*field;
-  } kSwitches[] = {{PARAM_NORMALIZE, &KernelData::normalize},
-                   {PARAM_MOTION_AMPLIFICATION, &KernelData::motion_amp},
-                   {PARAM_CHROMATIC_ABERRATION, &KernelData::chromatic}};
-
-  float step = 0.0f;
+  if (offset) *offset = 0.0f;
+  constexpr int32_t kShape[] = {PARAM_FRAMES,        PARAM_FRAMES_OFFSET,        PARAM_FRAMES_FADE,
+                                PARAM_BLENDING_MODE, PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT};
+  constexpr int32_t kSwitches[] = {PARAM_NORMALIZE, PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION};
   int32_t err = 0;
-  for (const auto& c : kShape) {
+  for (const int32_t id : kShape) {
     std::optional<double> v;
-    err = read(c.diskId, v);
-    if (v) c.apply(*v, kd, &step);
+    err = read(id, v);
+    if (v) ApplyControl(id, *v, kd, offset);
     if (err) break;
   }
-  for (const auto& c : kSwitches) {
+  for (const int32_t id : kSwitches) {
     std::optional<double> v;
-    read(c.diskId, v);
-    if (v) kd.*c.field = CheckboxOn(static_cast<A_long>(*v));
+    read(id, v);
+    if (v) ApplyControl(id, *v, kd, offset);
   }
-  if (offset) *offset = step;
   return err;
 }
 

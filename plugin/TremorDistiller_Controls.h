@@ -10,6 +10,11 @@
 
 #include "Kernel_Data.h"
 
+// What one control means for the kernels: its value as After Effects holds
+// it (below) into its KernelData field, or, for "Frames offset", `offset`.
+// Every reader of controls goes through here.
+void ApplyControl(int32_t diskId, double value, KernelData& kd, float* offset);
+
 // Reads one control's value as After Effects holds it (sliders as they
 // stand, popups counting from 1, checkboxes 0 or 1) into `value`; returns 0
 // or the host's error. A reader may fail after it has read the value.

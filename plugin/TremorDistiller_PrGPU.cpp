@@ -10,6 +10,7 @@
 #include "AE_Effect.h"
 #include "LogsController.h"
 #include "TremorDistiller_AePrGPU_Functions.h"
+#include "TremorDistiller_Controls.h"
 #include "TremorDistiller_Parameters.h"
 
 GPUFramework FrameworkFromPrDeviceFramework(PrGPUDeviceFramework framework) {
@@ -127,15 +128,18 @@ prSuiteError GPUTremorDistiller::GetFrameDependencies(const PrGPUFilterRenderPar
 prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderParams, const PPixHand* inFrames,
                                         size_t inFrameCount, PPixHand* outFrame) {
   KernelData kd{};
-  kd.numFrames = static_cast<int>(inFrameCount);
+  kd.numFrames = static_cast<int>(inFrameCount);  // the host fetched the stack already
   const PrTime at = inRenderParams->inClipTime;
-  kd.percentEase = PercentEaseFromFade(GetParam(RowOf(PARAM_FRAMES_FADE), at).mFloat64);
-  kd.blendMode = static_cast<BlendMode>(PopupFromPremiere(GetParam(RowOf(PARAM_BLENDING_MODE), at).mInt8));
-  kd.diffMode = static_cast<DiffBlendMode>(PopupFromPremiere(GetParam(RowOf(PARAM_DIFFERENCE_ALGORITHM), at).mInt8));
-  kd.output = static_cast<ColorFrom>(PopupFromPremiere(GetParam(RowOf(PARAM_OUTPUT), at).mInt8));
-  kd.motion_amp = CheckboxOn(GetParam(RowOf(PARAM_MOTION_AMPLIFICATION), at).mBool);
-  kd.chromatic = CheckboxOn(GetParam(RowOf(PARAM_CHROMATIC_ABERRATION), at).mBool);
-  kd.normalize = CheckboxOn(GetParam(RowOf(PARAM_NORMALIZE), at).mBool);
+  // Premiere's order of asking; each value as After Effects would hold it.
+  for (const int32_t id : {PARAM_FRAMES_FADE, PARAM_BLENDING_MODE, PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT,
+                           PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION, PARAM_NORMALIZE}) {
+    const PrParam p = GetParam(RowOf(id), at);
+    switch (ParamTable()[FindParamIndex(id, ParamTable())].kind) {
+      case ParamKind::Popup: ApplyControl(id, PopupFromPremiere(p.mInt8), kd, nullptr); break;
+      case ParamKind::Checkbox: ApplyControl(id, p.mBool, kd, nullptr); break;
+      default: ApplyControl(id, p.mFloat64, kd, nullptr); break;
+    }
+  }
 
   if (!outFrame) {
     LOG_ERROR("Destination buffer is not available.");
