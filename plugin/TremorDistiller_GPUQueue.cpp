@@ -1,0 +1,12 @@
+#include "TremorDistiller_GPUQueue.h"
+
+const GPUQueue* FindGPUQueue(GPUFramework framework) {
+  static const GPUQueue* const kQueues[] = {
+      &kCudaQueue,
+      &kOpenCLQueue,
+      &kMetalQueue,
+  };
+  for (const GPUQueue* q : kQueues)
+    if (q->framework == framework) return q;
+  return nullptr;
+}
