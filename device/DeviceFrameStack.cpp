@@ -39,16 +39,7 @@ FrameStackHost MakeDeviceFrameStackHost(const Device& device, const KernelList* 
     pool->free.push_back(s);
     return 0;
   };
-  host.runPass = [&device, kernels, framework, failureCode](const PassBuffers& b, KernelData& kd,
-                                                            const MainKernelArgs& m, const ResizeKernelArgs& pre,
-                                                            const ResizeKernelArgs& cur) {
-    return GPURender(framework, kernels, device.context, device.queue, b, kd, m, pre, cur, 16, failureCode);
-  };
-  if (StackKernelReady(framework, kernels))
-    host.runStack = [&device, kernels, framework, failureCode](const StackBuffers& b, KernelData& kd,
-                                                               const MainKernelArgs& m, const StackChunk& chunk) {
-      return GPURenderStack(framework, kernels, device.context, device.queue, b, kd, m, chunk, 16, failureCode);
-    };
+  SetGPULaunches(host, framework, kernels, device.context, device.queue, failureCode);
   return host;
 }
 

@@ -84,16 +84,7 @@ PF_Err SmartRenderGPU(PF_InData* in_data, PF_OutData* out_data, PF_PixelFormat f
   host.disposeScratch = [&](void* world) -> int32_t {
     return gpu->DisposeGPUWorld(effect, static_cast<PF_EffectWorld*>(world));
   };
-  host.runPass = [&](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m, const ResizeKernelArgs& pre,
-                     const ResizeKernelArgs& cur) -> int32_t {
-    return GPURender(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, pre, cur, 16,
-                     kAeGPUFailureCode);
-  };
-  if (StackKernelReady(framework, kernels))
-    host.runStack = [&](const StackBuffers& b, KernelData& kd, const MainKernelArgs& m, const StackChunk& chunk) {
-      return GPURenderStack(framework, kernels, info.contextPV, info.command_queuePV, b, kd, m, chunk, 16,
-                            kAeGPUFailureCode);
-    };
+  SetGPULaunches(host, framework, kernels, info.contextPV, info.command_queuePV, kAeGPUFailureCode);
   return RenderFrameStack(job, host);
 }
 

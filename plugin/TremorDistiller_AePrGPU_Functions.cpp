@@ -70,6 +70,19 @@ bool StackKernelReady(GPUFramework framework, const KernelList* kernels) {
   return q && q->stackReady(kernels);
 }
 
+void SetGPULaunches(FrameStackHost& host, GPUFramework framework, const KernelList* kernels, void* context,
+                    void* queue, int32_t failureCode) {
+  host.runPass = [=](const PassBuffers& b, KernelData& kd, const MainKernelArgs& m, const ResizeKernelArgs& pre,
+                     const ResizeKernelArgs& cur) {
+    return GPURender(framework, kernels, context, queue, b, kd, m, pre, cur, 16, failureCode);
+  };
+  host.runStack = nullptr;
+  if (StackKernelReady(framework, kernels))
+    host.runStack = [=](const StackBuffers& b, KernelData& kd, const MainKernelArgs& m, const StackChunk& chunk) {
+      return GPURenderStack(framework, kernels, context, queue, b, kd, m, chunk, 16, failureCode);
+    };
+}
+
 int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,
                        const StackBuffers& buffers, KernelData& kernelData, const MainKernelArgs& mainArgs,
                        const StackChunk& chunk, unsigned int blockSize, int32_t failureCode) {

@@ -36,6 +36,12 @@ int32_t GPURender(GPUFramework framework, const KernelList* kernels, void* conte
 // not make it renders every stack pass by pass.
 bool StackKernelReady(GPUFramework framework, const KernelList* kernels);
 
+// The frame-stack loop's launches on a host's device, the same for every
+// host: each pass through GPURender and, where StackKernel is ready, chunks
+// through GPURenderStack. The host's memory operations are its own.
+void SetGPULaunches(FrameStackHost& host, GPUFramework framework, const KernelList* kernels, void* context,
+                    void* queue, int32_t failureCode);
+
 // A chunk of the stack in one StackKernel launch, where StackRunsFused allows
 // it; otherwise as GPURender.
 int32_t GPURenderStack(GPUFramework framework, const KernelList* kernels, void* context, void* queue,

@@ -214,16 +214,8 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
     return mGPUDeviceSuite->GetGPUPPixData(static_cast<PPixHand>(frame), buffer);
   };
   host.disposeScratch = [&](void* frame) -> int32_t { return mPPixSuite->Dispose(static_cast<PPixHand>(frame)); };
-  host.runPass = [&](const PassBuffers& b, KernelData& k, const MainKernelArgs& m, const ResizeKernelArgs& pre,
-                     const ResizeKernelArgs& cur) -> int32_t {
-    return GPURender(framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle, b, k, m, pre,
-                     cur, 16, kPrGPUFailureCode);
-  };
-  if (StackKernelReady(framework, &kernels))
-    host.runStack = [&](const StackBuffers& b, KernelData& k, const MainKernelArgs& m, const StackChunk& chunk) {
-      return GPURenderStack(framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle, b, k,
-                            m, chunk, 16, kPrGPUFailureCode);
-    };
+  SetGPULaunches(host, framework, &kernels, mDeviceInfo.outContextHandle, mDeviceInfo.outCommandQueueHandle,
+                 kPrGPUFailureCode);
   return RenderFrameStack(job, host);
 }
 

@@ -41,7 +41,8 @@ TEST(CudaDriver, PassLaunchesTheImageKernelsInTheCurrentContext) {
   p.kd.percent = 0.5f;
   p.kd.percentEase = 2.0f;  // weight 0.75
   ASSERT_EQ(p.Run(), 0);
-  const StackChunk chunk{3, 0, {}, {}, {}};
+  StackChunk chunk{};
+  chunk.passes = 3;
   const void* frames[STACK_CHUNK_FRAMES] = {P(0x100), P(0x101)};
   GetCudaCalls().launchStack(frames, P(3), P(7), P(0x5000), 40, 1, 33, 17, P(4), chunk, 16);
 
