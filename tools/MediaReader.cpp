@@ -52,6 +52,16 @@ struct Reader::Impl {
   void OpenDecoder(const std::string& input);
   void ReadInfo(bool sequence);
   const AVFrame& Scale(const AVFrame& f, AVPixelFormat dst, bool yCbCr, int64_t frame);
+  // How a frame's pixels reach a picture: float planes (float and Y'CbCr
+  // sources), else packed integers of 8 or 16 bits.
+  struct SourceForm {
+    bool rgbLike = false, floatPlanes = false, alpha = false, eight = false;
+  };
+  SourceForm FormOf(const AVFrame& f, int64_t frame) const;
+  static bool IsFloatSource(const AVFrame& f) {
+    const auto fmt = static_cast<AVPixelFormat>(f.format);
+    return fmt == AV_PIX_FMT_GBRPF32LE || fmt == AV_PIX_FMT_GBRAPF32LE || fmt == AV_PIX_FMT_GRAYF32LE;
+  }
   void Convert(const AVFrame& f, Picture& p, int64_t frame);
   void ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame);
   bool Decode(AVFrame& out);
@@ -140,38 +150,41 @@ void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
   const auto fmt = static_cast<AVPixelFormat>(f.format);
 
   // Float sources are copied as they are: swscale would clip or requantise.
-  if (fmt == AV_PIX_FMT_GBRPF32LE || fmt == AV_PIX_FMT_GBRAPF32LE || fmt == AV_PIX_FMT_GRAYF32LE) {
+  if (IsFloatSource(f)) {
     FloatPlanesToPicture(f, fmt == AV_PIX_FMT_GRAYF32LE, fmt == AV_PIX_FMT_GBRAPF32LE, p);
     return;
   }
-  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(fmt);
-  if (!desc) Corrupt(frame);
-  int depth = 0;
-  for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
   // 8-bit R'G'B' or grey stays 8-bit so that v/255 comes out exactly; Y'CbCr
   // goes to float planes, which keeps the matrix's precision and is several
   // times quicker in swscale than packed 16-bit RGBA.
-  const bool rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
-  if ((desc->flags & AV_PIX_FMT_FLAG_FLOAT) || !rgbLike) {
-    const bool alpha = (desc->flags & AV_PIX_FMT_FLAG_ALPHA) != 0;
-    FloatPlanesToPicture(Scale(f, alpha ? AV_PIX_FMT_GBRAPF32 : AV_PIX_FMT_GBRPF32, !rgbLike, frame), false, alpha, p);
+  const SourceForm form = FormOf(f, frame);
+  if (form.floatPlanes) {
+    FloatPlanesToPicture(Scale(f, form.alpha ? AV_PIX_FMT_GBRAPF32 : AV_PIX_FMT_GBRPF32, !form.rgbLike, frame), false,
+                         form.alpha, p);
   } else {
-    const bool eight = depth <= 8 && rgbLike;
-    PackedToPicture(Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, !rgbLike, frame), !eight, p);
+    PackedToPicture(Scale(f, form.eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, false, frame), !form.eight, p);
   }
+}
+
+Reader::Impl::SourceForm Reader::Impl::FormOf(const AVFrame& f, int64_t frame) const {
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(f.format));
+  if (!desc) Corrupt(frame);
+  int depth = 0;
+  for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
+  SourceForm form;
+  form.rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
+  form.floatPlanes = (desc->flags & AV_PIX_FMT_FLAG_FLOAT) || !form.rgbLike;
+  form.alpha = (desc->flags & AV_PIX_FMT_FLAG_ALPHA) != 0;
+  form.eight = depth <= 8;
+  return form;
 }
 
 void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame) {
   p.width = f.width;
   p.height = f.height;
   const size_t n = static_cast<size_t>(f.width) * f.height;
-  const auto fmt = static_cast<AVPixelFormat>(f.format);
-  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(fmt);
-  if (!desc) Corrupt(frame);
-  int depth = 0;
-  for (int c = 0; c < desc->nb_components; ++c) depth = std::max(depth, desc->comp[c].depth);
-  const bool rgbLike = (desc->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) || desc->nb_components <= 2;
-  if ((desc->flags & AV_PIX_FMT_FLAG_FLOAT) || !rgbLike) {
+  const SourceForm form = FormOf(f, frame);
+  if (form.floatPlanes) {
     // Float as Convert makes it, in the engine's channel order.
     thread_local Picture floats;
     Convert(f, floats, frame);
@@ -186,7 +199,7 @@ void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t f
   p.pts = info.isSequence || f.best_effort_timestamp == AV_NOPTS_VALUE ? kNoTime : f.best_effort_timestamp;
   // The packed integers Convert divides, red and blue swapped here: swscale
   // does not convert RGBA64 to BGRA64 by a plain swap.
-  const bool eight = depth <= 8;
+  const bool eight = form.eight;
   const AVFrame& packed = Scale(f, eight ? AV_PIX_FMT_RGBA : AV_PIX_FMT_RGBA64, false, frame);
   p.depth = eight ? SampleDepth::U8 : SampleDepth::U16;
   p.pixels.resize(n * (eight ? 4 : 8));
