@@ -38,16 +38,16 @@ sanitize: deps
 	  LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 ctest --output-on-failure -j $(JOBS)
 
 # The threaded cases under ThreadSanitizer: the host rendering several frames
-# at once on one device, and tremor-render, whose every run decodes, renders
-# and encodes on threads of its own.
+# at once on one device, tremor-render, whose every run decodes, renders
+# and encodes on threads of its own, and the engine rendering on two threads.
 TSAN_FLAGS = -fsanitize=thread
 tsan: deps
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_C_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
-	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render
+	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render test_engine
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/tests/sanitizers/tsan.supp" \
-	  ctest --output-on-failure -j $(JOBS) -R 'Threaded|TremorRender'
+	  ctest --output-on-failure -j $(JOBS) -R 'Threaded|TremorRender|Engine\.'
 
 # Each libFuzzer target for FUZZ_SECONDS under ASan and UBSan, clang-built in
 # a folder of its own, from its seed inputs; a crash fails the run and leaves
