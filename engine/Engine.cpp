@@ -178,6 +178,7 @@ std::shared_ptr<Engine::Held> Engine::Hold(int64_t k) {
       }
       h->buffer = Buffer(size);
       device_.device->kind->upload(*device_.device, h->buffer.get(), bytes, size);
+      source_.Recycle(std::move(picture));
     }
   } catch (const std::exception& e) {
     error = e.what();

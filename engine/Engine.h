@@ -49,6 +49,9 @@ class ClipSource {
   // Frame k (k >= 0); false when the clip has no frame k. Called from any
   // thread, never twice at once for the same k.
   virtual bool Fetch(int64_t k, SourcePicture& picture) = 0;
+  // A fetched picture's memory, handed back once its frame is on the device,
+  // for a source that reuses it (fresh memory costs a page fault every 4 KiB).
+  virtual void Recycle(SourcePicture&& /*picture*/) {}
 };
 
 // What the engine needs of a device beyond its memory: the effect's

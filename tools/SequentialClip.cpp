@@ -89,6 +89,10 @@ void SequentialClip::ConvertLoop() {
       converting_ = k;
     }
     media::CompactPicture picture;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!spare_.empty()) picture.pixels = std::move(spare_.back()), spare_.pop_back();
+    }
     std::exception_ptr error;
     try {
       std::lock_guard<std::mutex> convert(convertMutex_);
@@ -158,6 +162,11 @@ bool SequentialClip::Fetch(int64_t k, engine::SourcePicture& picture) {
   }
   if (error_) std::rethrow_exception(error_);
   return false;
+}
+
+void SequentialClip::Recycle(engine::SourcePicture&& picture) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (spare_.size() < ahead_ + 1) spare_.push_back(std::move(picture.pixels));
 }
 
 void SequentialClip::ForgetBefore(int64_t k) {

@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "Engine.h"
 #include "MediaIO.h"
@@ -28,6 +29,7 @@ class SequentialClip : public engine::ClipSource {
   int64_t FrameCount() const override;
   // Waits for frame k; throws the reader's error where reading stopped before it.
   bool Fetch(int64_t k, engine::SourcePicture& picture) override;
+  void Recycle(engine::SourcePicture&& picture) override;
   // No stack will ask for the frames before k again.
   void ForgetBefore(int64_t k);
   // Frame k's presentation time, media::kNoTime where it has none.
@@ -49,6 +51,7 @@ class SequentialClip : public engine::ClipSource {
   std::map<int64_t, media::DecodedFrame> decoded_;
   std::map<int64_t, media::CompactPicture> converted_;
   std::map<int64_t, int64_t> pts_;
+  std::vector<std::vector<uint8_t>> spare_;  // pixel memory to convert into
   int64_t decodedUpTo_ = 0;    // frames read so far
   int64_t convertNext_ = 0;    // the next frame the converter takes
   int64_t asked_ = -1;         // the newest frame asked for
