@@ -157,38 +157,6 @@ class DeviceIdentityTest : public GPUIdentityTest {
   const std::string summary_ = "GPU: RTX 3080, OS: " + os_;
 };
 
-// Set-up reads nothing, so a device it refuses leaves no name for the
-// control to show; the one it accepts is named at its first pass.
-TEST_F(DeviceIdentityTest, SetUpNamesNoDeviceSoARefusedOneIsNeverNamed) {
-  ScopedGPUCalls restore;
-  OpenCLCalls& cl = GetOpenCLCalls();
-  cl.getDeviceInfo = [](cl_device_id, cl_device_info, size_t, void*, size_t*) -> cl_int { return CL_INVALID_DEVICE; };
-  cl.createProgramWithSource = [](cl_context, cl_uint, const char**, const size_t*, cl_int* err) -> cl_program {
-    *err = CL_OUT_OF_HOST_MEMORY;
-    return nullptr;
-  };
-  cl.getProgramBuildInfo = [](cl_program, cl_device_id, cl_program_build_info, size_t, void*, size_t*) -> cl_int {
-    return CL_INVALID_PROGRAM;
-  };
-  KernelList refused{}, metal{}, cuda{};
-  EXPECT_EQ(InitializeGPU(OpenCL, &refused, nullptr, nullptr, 512), 512);
-  EXPECT_EQ(InitializeGPU(Metal, &metal, nullptr, nullptr, 512), 512);
-  EXPECT_EQ(InitializeGPU(CUDA, &cuda, nullptr, nullptr, 512), 0);
-  EXPECT_EQ(Count("Initialized new device: OpenCL"), 1u);
-  EXPECT_EQ(IdentityRecords(), 0u);
-  GPUStatusText text = ReadGPUStatusText();
-  EXPECT_EQ(text.gpuName, "");
-  EXPECT_EQ(text.osVersion, "");
-  EXPECT_EQ(text.frameworkName, "CUDA");
-
-  EXPECT_EQ(Pass(&cuda), 0);
-  EXPECT_EQ(Records().back(), summary_);
-  EXPECT_EQ(IdentityRecords(), 4u);
-  text = ReadGPUStatusText();
-  EXPECT_EQ(text.gpuName, "RTX 3080");
-  EXPECT_EQ(text.osVersion, os_);
-}
-
 // Each device's first pass reads and logs the identity; its later passes and
 // passes without a list read and log nothing, also where no adapter is found
 // and the name stays empty.

@@ -165,26 +165,19 @@ TEST_F(AeRender, BoundedRecordsAreTheNewestOnes) {
     options.recordLimit = limit;
     ClipHost(options);
     SetUpGpu();
-    const PF_Err fail = 7;
-    host_->FailOperation("checkout_layer_pixels", fail, 115);  // a command of the last render ends in an error
+    host_->FailOperation("checkout_layer_pixels", 7, 115);  // a command of the last render ends in an error
     for (int k = 0; k < 12; ++k) host_->Render(host_->FrameTime(k));
-    std::vector<CallRecord> log = host_->CallLog();
-    const std::vector<CommandRecord> commands = host_->Commands();
-    return std::make_tuple(log, commands.size(), commands.back().cmd);
+    EXPECT_LE(host_->Commands().size(), limit ? 2 * limit : SIZE_MAX);
+    return host_->CallLog();
   };
-  const auto [all, allCommands, lastAll] = records(0);
-  const auto [kept, keptCommands, lastKept] = records(60);
+  const std::vector<CallRecord> all = records(0), kept = records(60);
   ASSERT_GT(all.size(), 240u);
   EXPECT_GE(kept.size(), 60u);
   EXPECT_LE(kept.size(), 120u);
-  EXPECT_LE(keptCommands, 120u);
-  EXPECT_EQ(lastKept, lastAll);
   size_t failed = 0;
   for (size_t i = 0; i < kept.size(); ++i) {
-    const CallRecord& a = all[all.size() - kept.size() + i];
-    // Arguments name addresses, which differ between the two hosts.
-    EXPECT_EQ(std::tie(a.kind, a.suite, a.op, a.result), std::tie(kept[i].kind, kept[i].suite, kept[i].op, kept[i].result))
-        << i;
+    const CallRecord& a = all[all.size() - kept.size() + i];  // arguments name addresses: left out
+    EXPECT_EQ(std::tie(a.kind, a.suite, a.op, a.result), std::tie(kept[i].kind, kept[i].suite, kept[i].op, kept[i].result));
     failed += kept[i].kind == CallRecord::Kind::Command && kept[i].result != 0;
   }
   EXPECT_GE(failed, 1u);

@@ -91,33 +91,31 @@ TEST(ControlReading, OrderAndErrorRule) {
     return [&order, failAt, failSwitch](int32_t id, std::optional<double>& v) -> int32_t {
       order.push_back(id);
       if (id == failSwitch) return 9;
-      v = id == PARAM_FRAMES                                      ? 12.7
-          : id == PARAM_FRAMES_OFFSET                             ? -1.5
-          : id == PARAM_FRAMES_FADE                               ? 80.0
-          : id == PARAM_OUTPUT || id < PARAM_CHROMATIC_ABERRATION ? 2
-                                                                  : 1;  // popups: their second choice
-      return id == failAt ? 5 : 0;                                      // the value came, then its check-in failed
+      // Popups take their second choice, checkboxes are on.
+      v = id == PARAM_FRAMES ? 12.7 : id == PARAM_FRAMES_OFFSET ? -1.5 : id == PARAM_FRAMES_FADE ? 80.0
+        : id == PARAM_OUTPUT || id < PARAM_CHROMATIC_ABERRATION ? 2 : 1;
+      return id == failAt ? 5 : 0;  // the value came, then its check-in failed
     };
   };
+  const std::vector<int32_t> shape = {PARAM_FRAMES, PARAM_FRAMES_OFFSET, PARAM_FRAMES_FADE, PARAM_BLENDING_MODE},
+                             switches = {PARAM_NORMALIZE, PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION};
   KernelData kd;
   float offset = 0;
   EXPECT_EQ(FillKernelData(reader(-1, -1), kd, &offset), 0);
-  EXPECT_EQ(order, (std::vector<int32_t>{PARAM_FRAMES, PARAM_FRAMES_OFFSET, PARAM_FRAMES_FADE, PARAM_BLENDING_MODE,
-                                         PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT, PARAM_NORMALIZE,
-                                         PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION}));
-  EXPECT_EQ(kd.numFrames, 12);
-  EXPECT_EQ(offset, -1.5f);
-  EXPECT_EQ(kd.percentEase, 4.0f);
-  EXPECT_EQ(kd.blendMode, BLEND_SCREEN);
-  EXPECT_EQ(kd.output, FROM_SOURCE);
+  std::vector<int32_t> all = shape;
+  all.insert(all.end(), {PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT});
+  all.insert(all.end(), switches.begin(), switches.end());
+  EXPECT_EQ(order, all);
+  EXPECT_TRUE(kd.numFrames == 12 && offset == -1.5f && kd.percentEase == 4.0f);
+  EXPECT_TRUE(kd.blendMode == BLEND_SCREEN && kd.diffMode == DIFF_SUBT && kd.output == FROM_SOURCE);
   EXPECT_TRUE(kd.normalize && kd.motion_amp && kd.chromatic);
 
   order.clear();
   EXPECT_EQ(FillKernelData(reader(PARAM_BLENDING_MODE, PARAM_MOTION_AMPLIFICATION), kd, &offset), 5);
-  EXPECT_EQ(order, (std::vector<int32_t>{PARAM_FRAMES, PARAM_FRAMES_OFFSET, PARAM_FRAMES_FADE, PARAM_BLENDING_MODE,
-                                         PARAM_NORMALIZE, PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION}));
-  EXPECT_EQ(kd.blendMode, BLEND_SCREEN);  // read before its check-in failed
-  EXPECT_EQ(kd.diffMode, DIFF_NONE);
+  all = shape;
+  all.insert(all.end(), switches.begin(), switches.end());
+  EXPECT_EQ(order, all);
+  EXPECT_TRUE(kd.blendMode == BLEND_SCREEN && kd.diffMode == DIFF_NONE);  // read before its check-in failed
   EXPECT_TRUE(kd.normalize && !kd.motion_amp && kd.chromatic);
 }
 
