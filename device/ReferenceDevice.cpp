@@ -1,7 +1,7 @@
 // The CPU reference as a device kind: its buffers are host memory, and what
-// renders on it is the kernel source compiled as C++ (reference/). It is no
-// GPU framework of the effect's (framework -1): the engine and the tests
-// render on it, the module paths decline it.
+// renders on it is the kernel source compiled as C++ (reference/), the
+// effect's CPUReference framework. No host hands that framework to the
+// module, so the module paths decline it; the engine and tests render on it.
 #include <cstring>
 #include <new>
 #include <vector>
@@ -39,5 +39,5 @@ void Finish(const Device&) {}
 }  // namespace
 
 extern const DeviceKind kReferenceDeviceKind = {
-    "reference", "CPU reference", "0", -1,  List, AddressValid, Open,  Close,      Allocate,
+    "reference", "CPU reference", "0", 3,   List, AddressValid, Open,  Close,      Allocate,
     Release,     Upload,          Download, Fill, Copy, Map,          Unmap, BindThread, Finish};

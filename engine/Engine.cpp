@@ -4,9 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
-#include <thread>
 
-#include "CpuRender.h"
 #include "DeviceFrameStack.h"
 #include "TremorDistiller_Schedule.h"
 
@@ -23,14 +21,6 @@ struct OpenedDevice::Kernels {
 
 OpenedDevice::OpenedDevice(const std::string& text) : device_(OpenDevice(text)) {
   engine_.device = &device_;
-  if (device_.kind->framework < 0) {
-    // The CPU reference: the kernels as C++, no GPU framework to set up.
-    CpuLaunchConfig config;
-    config.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
-    engine_.stackKernel = true;
-    engine_.frameStackHost = [config](const FrameStackJob& job) { return MakeCpuFrameStackHost(config, job); };
-    return;
-  }
   try {
     kernels_ = std::make_unique<Kernels>(device_);
   } catch (...) {

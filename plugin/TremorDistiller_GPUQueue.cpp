@@ -5,6 +5,7 @@ const GPUQueue* FindGPUQueue(GPUFramework framework) {
       &kCudaQueue,
       &kOpenCLQueue,
       &kMetalQueue,
+      &kReferenceQueue,
   };
   for (const GPUQueue* q : kQueues)
     if (q->framework == framework) return q;

@@ -39,5 +39,6 @@ const GPUQueue* FindGPUQueue(GPUFramework framework);
 extern const GPUQueue kCudaQueue;
 extern const GPUQueue kOpenCLQueue;
 extern const GPUQueue kMetalQueue;
+extern const GPUQueue kReferenceQueue;
 
 #endif

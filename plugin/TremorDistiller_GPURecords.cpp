@@ -1,12 +1,12 @@
 #include "TremorDistiller_GPURecords.h"
 
 namespace {
-const char* const kFrameworkText[3] = {"CUDA", "OpenCL", "Metal"};
+const char* const kFrameworkText[4] = {"CUDA", "OpenCL", "Metal", "CPU reference"};
 }
 
 const char* GPUFrameworkText(GPUFramework framework) {
   // A framework without a name shows as empty rather than reading past the table.
-  return framework >= CUDA && framework <= Metal ? kFrameworkText[framework] : "";
+  return framework >= CUDA && framework <= CPUReference ? kFrameworkText[framework] : "";
 }
 
 GPUFramework FrameworkFromAeWhatGpu(int32_t whatGpu) {

@@ -17,9 +17,10 @@ enum GPUFramework : int32_t {
   CUDA = 0,
   OpenCL = 1,
   Metal = 2,
+  CPUReference = 3,  // ours alone: the kernels compiled as C++; no host hands it
 };
 
-// Table text of a framework; the table is never read outside its three rows.
+// Table text of a framework; the table is never read outside its rows.
 const char* GPUFrameworkText(GPUFramework framework);
 
 // The host's value to ours, applied at set-up, set-down and every render.

@@ -48,6 +48,8 @@ std::string SettleOutput(render::Options& o) {
     if (o.host != "engine") return "-f null renders on the engine only";
   }
   if (o.input.empty() || o.output.empty()) return "INPUT and -o OUTPUT are required (see --help)";
+  // No host hands the module the CPU reference.
+  if (o.device.rfind("reference", 0) == 0 && o.host != "engine") return "--device reference renders on the engine only";
   return "";
 }
 

@@ -149,6 +149,7 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {in + "out.%04d.exr --host premiere --precision half --frames-offset 1.5", 0,
        "premiere host steps whole frames; --frames-offset 1.5 counts as 1", 12},
       {in + "out.%04d.exr --host other", 2, "--host: other not in {engine,aftereffects,premiere}"},
+      {in + "out.%04d.exr --device reference --host premiere", 2, "--device reference renders on the engine only"},
       {in + "out.%04d.exr --precision half", 2, "--precision half needs --host premiere"},
       {in + "out.%04d.exr --jobs 0", 2, "--jobs"},
       {in + "out.%04d.exr --start -1", 2, "--start: Value -1 not in range 0 to 2147483647 (see --help)"},
