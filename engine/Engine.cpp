@@ -28,11 +28,11 @@ OpenedDevice::OpenedDevice(const std::string& text) : device_(OpenDevice(text)) 
     throw;
   }
   if (kernels_->kernels.status != 0) {
-    const int32_t status = kernels_->kernels.status;
+    const std::string why = "the effect's kernels did not build on " + device_.name + " (status " +
+                            std::to_string(kernels_->kernels.status) + ")";
     kernels_.reset();
     CloseDevice(device_);
-    throw DeviceError("the effect's kernels did not build on " + device_.name + " (status " + std::to_string(status) +
-                      ")");
+    throw DeviceError(why);
   }
   const KernelList* list = &kernels_->kernels.list;
   const Device* device = &device_;

@@ -12,6 +12,7 @@
 
 #include "Device.h"
 #include "Engine.h"
+#include "GpuTestSupport.h"
 #include "ModuleHostTest.h"
 #include "TremorDistiller_Controls.h"
 #include "TremorDistiller_Parameters.h"
@@ -243,6 +244,24 @@ TEST(Engine, MissingFrameAndBadPicturesAreErrors) {
     FAIL() << "frames of two sizes rendered";
   } catch (const engine::EngineError& e) {
     EXPECT_NE(std::string(e.what()).find("unlike the clip's"), std::string::npos) << e.what();
+  }
+}
+
+// A device whose kernels do not build is refused with its name.
+TEST(Engine, ADeviceWithoutKernelsIsRefusedByName) {
+  ScopedGPUCalls restore;
+  GetOpenCLCalls().buildProgram = [](cl_program, cl_uint, const cl_device_id*, const char*,
+                                     void(CL_CALLBACK*)(cl_program, void*), void*) -> cl_int {
+    return CL_BUILD_PROGRAM_FAILURE;
+  };
+  Device plain = OpenDevice("opencl");
+  const std::string name = plain.name;
+  CloseDevice(plain);
+  try {
+    engine::OpenedDevice device("opencl");
+    FAIL() << "opened";
+  } catch (const DeviceError& e) {
+    EXPECT_EQ(std::string(e.what()), "the effect's kernels did not build on " + name + " (status 512)");
   }
 }
 
