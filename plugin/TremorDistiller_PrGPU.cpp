@@ -125,11 +125,7 @@ prSuiteError GPUTremorDistiller::GetFrameDependencies(const PrGPUFilterRenderPar
   return suiteError_NoError;
 }
 
-prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderParams, const PPixHand* inFrames,
-                                        size_t inFrameCount, PPixHand* outFrame) {
-  KernelData kd{};
-  kd.numFrames = static_cast<int>(inFrameCount);  // the host fetched the stack already
-  const PrTime at = inRenderParams->inClipTime;
+void GPUTremorDistiller::ReadControls(PrTime at, KernelData& kd) {
   // Premiere's order of asking; each value as After Effects would hold it.
   for (const int32_t id : {PARAM_FRAMES_FADE, PARAM_BLENDING_MODE, PARAM_DIFFERENCE_ALGORITHM, PARAM_OUTPUT,
                            PARAM_MOTION_AMPLIFICATION, PARAM_CHROMATIC_ABERRATION, PARAM_NORMALIZE}) {
@@ -140,6 +136,28 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
       default: ApplyControl(id, p.mFloat64, kd, nullptr); break;
     }
   }
+}
+
+prSuiteError GPUTremorDistiller::AddStackFrames(const PPixHand* frames, size_t count, FrameStackJob& job) {
+  prSuiteError status = suiteError_NoError;
+  for (size_t i = 0; i < count && status == 0; ++i) {
+    prRect bounds{};
+    csSDK_int32 frameRowBytes = 0;
+    status = mPPixSuite->GetBounds(frames[i], &bounds);
+    if (status == 0) status = mPPixSuite->GetRowBytes(frames[i], &frameRowBytes);
+    const int32_t w = bounds.right - bounds.left, h = bounds.bottom - bounds.top;
+    // Centred on the output; a larger frame is cropped around its centre.
+    job.frames.push_back(
+        {frames[i], w, h, frameRowBytes, (job.output.width - w) / 2, (job.output.height - h) / 2});
+  }
+  return status;
+}
+
+prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderParams, const PPixHand* inFrames,
+                                        size_t inFrameCount, PPixHand* outFrame) {
+  KernelData kd{};
+  kd.numFrames = static_cast<int>(inFrameCount);  // the host fetched the stack already
+  ReadControls(inRenderParams->inClipTime, kd);
 
   if (!outFrame) {
     LOG_ERROR("Destination buffer is not available.");
@@ -172,16 +190,7 @@ prSuiteError GPUTremorDistiller::Render(const PrGPUFilterRenderParams* inRenderP
   job.output = {*outFrame, width, height, rowBytes, 0, 0};
   job.is16f = is16f;
   job.kernelData = &kd;
-  for (size_t i = 0; i < inFrameCount && status == 0; ++i) {
-    prRect bounds{};
-    csSDK_int32 frameRowBytes = 0;
-    status = mPPixSuite->GetBounds(inFrames[i], &bounds);
-    if (status == 0) status = mPPixSuite->GetRowBytes(inFrames[i], &frameRowBytes);
-    const int32_t w = bounds.right - bounds.left, h = bounds.bottom - bounds.top;
-    // Centred on the output; a larger frame is cropped around its centre.
-    job.frames.push_back({inFrames[i], w, h, frameRowBytes, (width - w) / 2, (height - h) / 2});
-  }
-  if (status != 0) return status;
+  if ((status = AddStackFrames(inFrames, inFrameCount, job)) != 0) return status;
 
   const GPUFramework framework = FrameworkFromPrDeviceFramework(mDeviceInfo.outDeviceFramework);
   ResizeKernelArgs canvas{};

@@ -5,6 +5,7 @@
 
 #include "PrGPU/PrSDKGPUFilter.h"
 #include "PrGPU/PrSDKGPUSuites.h"
+#include "TremorDistiller_FrameStack.h"
 #include "TremorDistiller_GPURecords.h"
 
 // The host's suites and parameter access; the host asks for this shape of
@@ -50,6 +51,10 @@ class GPUTremorDistiller : public PrGPUFilterBase {
                       PPixHand* outFrame) override;
 
  private:
+  // The controls a render reads, into `kd`, in the order Premiere is asked.
+  void ReadControls(PrTime at, KernelData& kd);
+  // The host's frames of a stack, centred on the job's output.
+  prSuiteError AddStackFrames(const PPixHand* frames, size_t count, FrameStackJob& job);
   KernelList kernels{};
 };
 
