@@ -147,8 +147,7 @@ prSuiteError GPUTremorDistiller::AddStackFrames(const PPixHand* frames, size_t c
     if (status == 0) status = mPPixSuite->GetRowBytes(frames[i], &frameRowBytes);
     const int32_t w = bounds.right - bounds.left, h = bounds.bottom - bounds.top;
     // Centred on the output; a larger frame is cropped around its centre.
-    job.frames.push_back(
-        {frames[i], w, h, frameRowBytes, (job.output.width - w) / 2, (job.output.height - h) / 2});
+    job.frames.push_back({frames[i], w, h, frameRowBytes, (job.output.width - w) / 2, (job.output.height - h) / 2});
   }
   return status;
 }
