@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <map>
 #include <utility>
 #include <vector>
@@ -62,17 +64,52 @@ std::map<int64_t, std::string> PatternFiles(const std::string& pattern) {
   return files;
 }
 
-// The regular files a path names: itself, or a pattern's files.
-std::vector<std::pair<FileId, std::string>> ExistingFiles(const std::string& path) {
+// The paths of local files FFmpeg opens for `url`: "file:" and the protocols
+// that wrap other names (async:, cache:, subfile,...:, crypto:, concat:a|b,
+// concatf:list) lead to them; a network or pipe URL opens none.
+std::vector<std::string> OpenedPaths(const std::string& url, int depth = 0) {
+  const char* found = avio_find_protocol_name(url.c_str());
+  const std::string protocol = found ? found : "file";
+  const size_t colon = url.find(':');
+  auto inner = [&](const std::string& rest) {
+    return depth < 8 ? OpenedPaths(rest, depth + 1) : std::vector<std::string>{};
+  };
+  if (protocol == "file") return {url.rfind("file:", 0) == 0 ? url.substr(5) : url};
+  if (protocol == "crypto" && url.rfind("crypto+", 0) == 0) return inner(url.substr(7));
+  if (colon == std::string::npos) return {};
+  if (protocol == "async" || protocol == "cache" || protocol == "subfile" || protocol == "crypto")
+    return inner(url.substr(colon + 1));
+  if (protocol != "concat" && protocol != "concatf") return {};
+  std::vector<std::string> paths;
+  std::string list = url.substr(colon + 1), part;
+  std::stringstream parts(list);
+  if (protocol == "concatf") {
+    for (const std::string& listFile : inner(list)) {
+      std::ifstream names(listFile);
+      while (std::getline(names, part))
+        if (!part.empty())
+          for (auto& p : inner(part)) paths.push_back(p);
+    }
+    return paths;
+  }
+  while (std::getline(parts, part, '|'))
+    for (auto& p : inner(part)) paths.push_back(p);
+  return paths;
+}
+
+// The regular files a name opens: itself, or a pattern's files.
+std::vector<std::pair<FileId, std::string>> ExistingFiles(const std::string& name) {
   std::vector<std::pair<FileId, std::string>> files;
   auto add = [&](const std::string& file) {
     struct stat st {};
     if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back({{st.st_dev, st.st_ino}, file});
   };
-  if (!IsPattern(path)) {
-    add(path);
-  } else {
-    for (const auto& [n, file] : PatternFiles(path)) add(file);
+  for (const std::string& path : OpenedPaths(name)) {
+    if (!IsPattern(path)) {
+      add(path);
+    } else {
+      for (const auto& [n, file] : PatternFiles(path)) add(file);
+    }
   }
   return files;
 }
@@ -92,11 +129,33 @@ std::string MissingNumbers(const std::map<int64_t, std::string>& files) {
 
 }  // namespace
 
+bool IsFrameOf(const std::string& pattern, const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::path folder = fs::weakly_canonical(fs::absolute(path).parent_path(), ec);
+  if (ec || folder != fs::weakly_canonical(fs::absolute(pattern).parent_path(), ec)) return false;
+  const std::string name = fs::path(path).filename().string();
+  for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
+    const size_t end = name.find_first_not_of("0123456789", at);
+    const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
+    if (digits.size() <= 9 && fs::path(FrameName(pattern, std::stoll(digits))).filename() == name) return true;
+    at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
+  }
+  return false;
+}
+
+std::string LocalOutputName(const std::string& output) {
+  const std::vector<std::string> paths = OpenedPaths(output);
+  if (paths.size() != 1 || (output.rfind("file:", 0) != 0 && paths[0] != output))
+    throw MediaError("output '" + output + "' must be a file name");
+  return paths[0];
+}
+
 std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output) {
   std::map<FileId, std::string> inputs;
   for (auto& [id, file] : ExistingFiles(input)) inputs.emplace(id, file);
   for (const auto& [id, file] : ExistingFiles(output))
-    if (inputs.count(id)) return file;
+    if (inputs.count(id)) return inputs[id];
   return {};
 }
 

@@ -104,10 +104,18 @@ class Reader {
   std::unique_ptr<Impl> impl_;
 };
 
-// An existing file that is one of the input's and that the output would write
+// An existing file of the input's (named as the input names it) that the output would write
 // over (a video's path, or a pattern's files), or "" when they share none.
-// Compared by device and inode, so other spellings of a path and links count.
+// Compared by device and inode, so other spellings of a path and links count,
+// and as FFmpeg opens the input: through "file:", "concat:" and the like.
 std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output);
+
+// Whether `path` is one of the files a frame number pattern names.
+bool IsFrameOf(const std::string& pattern, const std::string& path);
+
+// The file an output name writes, "file:" taken off as FFmpeg would; throws
+// MediaError for a name of another protocol.
+std::string LocalOutputName(const std::string& output);
 
 // FFmpeg's own log off: what went wrong reaches the user as our one line.
 void QuietLibraries();

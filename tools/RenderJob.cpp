@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 #include <cctype>
+#include <cerrno>
+#include <ctime>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -50,6 +52,7 @@ constexpr size_t kRecordLimit = 4096;
 std::atomic<int> gSignal{0};
 std::mutex gStagedMutex;
 std::vector<fs::path> gStaged;  // what a second signal removes before leaving
+bool gPublished = false;        // under gStagedMutex: the output is in place, let the run end
 
 void CheckInterrupt() {
   if (gSignal) throw Interrupted{};
@@ -522,26 +525,32 @@ std::unique_ptr<aehost::AeHost> LoadEffect() {
 
 void CatchInterrupts() {
   // The signals go to one thread of ours, which may do what a handler may not:
-  // the first asks the render to stop at the next frame, a second removes what
-  // is staged and ends the process at once. Threads started later (the
-  // device's, the codecs') inherit the blocked mask.
+  // the first asks the render to stop at the next frame, a second (or a
+  // render that has not stopped two seconds later: an open or read blocked
+  // on a pipe cannot see the request) removes what is staged and ends the
+  // process. Threads started later (the device's, the codecs') inherit the
+  // blocked mask.
+  std::signal(SIGPIPE, SIG_IGN);
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, sig);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   std::thread([set] {
     for (;;) {
       int sig = 0;
       if (sigwait(&set, &sig) != 0) continue;
-      if (gSignal.exchange(sig) == 0) continue;
+      if (gSignal.exchange(sig) == 0) {
+        const timespec grace{2, 0};
+        if (sigtimedwait(&set, nullptr, &grace) < 0 && errno != EAGAIN) continue;
+      }
       {
         std::lock_guard<std::mutex> lock(gStagedMutex);
+        if (gPublished) continue;
         std::error_code ec;
         for (const fs::path& p : gStaged) fs::remove_all(p, ec);
       }
       std::fputs("\ntremor-render: interrupted; nothing written\n", stderr);
-      std::_Exit(128 + sig);
+      std::_Exit(128 + gSignal.load());
     }
   }).detach();
 }
@@ -553,6 +562,10 @@ void RemoveOnSecondSignal(const fs::path& staged, bool add) {
   else
     gStaged.erase(std::remove(gStaged.begin(), gStaged.end(), staged), gStaged.end());
 }
+
+std::unique_lock<std::mutex> HoldSecondSignal() { return std::unique_lock<std::mutex>(gStagedMutex); }
+
+void MarkPublished(const std::unique_lock<std::mutex>& /*held*/) { gPublished = true; }
 
 int CaughtSignal() { return gSignal.load(); }
 
@@ -603,7 +616,7 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
       } catch (const engine::EngineError& e) {
         const std::string what = e.what();
         throw Failure(what.rfind("a stack of ", 0) == 0 ? what + " (--memory)"
-                                                         : what + "; see the effect's log at " + LogPath());
+                                                        : what + "; see the effect's log at " + LogPath());
       }
       if (done == 0 && o.start == 0) throw Failure(o.input + " has no frames");
       if (done == 0) throw Failure(PastTheEnd(o.start, clip.FrameCount() - 1));
@@ -625,8 +638,10 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
       if (const PF_Err err = host.SetupDevice(ResolveDevice(o.device))) throw SetUpFailure(err);
       media::WritePng(snapshot->WriterTarget().string(), DrawUISnapshot(host));
     }
-    if (staging) staging->Commit(files);
-    if (snapshot) snapshot->Commit({});
+    if (staging)
+      PublishTogether(*staging, snapshot.get(), files);
+    else if (snapshot)
+      snapshot->Commit({});
     progress.Finish();
     Summary(o, progress, done, device.Name() + " (engine)");
     return 0;
@@ -758,8 +773,7 @@ int Run(aehost::AeHost& host, const Options& o) {
     writer.reset();
     // The panel as the render left it: the GPU at work, or the notice.
     if (snapshot) media::WritePng(snapshot->WriterTarget().string(), DrawUISnapshot(host));
-    staging.Commit(files);
-    if (snapshot) snapshot->Commit({});
+    PublishTogether(staging, snapshot.get(), files);
     progress.Finish();
     Summary(o, progress, done, deviceName);
     return 0;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,7 +21,7 @@ namespace render {
 struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-// A SIGINT or SIGTERM stopped the render.
+// A SIGINT, SIGTERM, SIGHUP or SIGQUIT stopped the render.
 struct Interrupted {};
 
 struct Options {
@@ -36,9 +37,9 @@ struct Options {
   // host: "aftereffects", or "premiere" in "float" (128-bit) or "half" frames.
   std::string host = "engine", precision = "float";
   std::string outputArgument;  // an output given after INPUT, FFmpeg's way
-  std::string format;  // -f: "null" renders and discards, else by the output's extension
-  uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
-  std::string uiSnapshot;  // a PNG of the effect's custom UI after the render; "" for none
+  std::string format;          // -f: "null" renders and discards, else by the output's extension
+  uint64_t memory = 0;         // bytes the input frames may take; 0: three quarters of what is available
+  std::string uiSnapshot;      // a PNG of the effect's custom UI after the render; "" for none
 };
 
 // Where the module writes its log: its folder under the temporary directory,
@@ -49,12 +50,19 @@ std::string LogPath();
 // ranges and defaults come from there.
 std::unique_ptr<aehost::AeHost> LoadEffect();
 
-// From here on SIGINT and SIGTERM stop the render at the next frame; a second
-// one ends the process at once.
+// From here on SIGINT, SIGTERM, SIGHUP and SIGQUIT stop the render at the next
+// frame; a second one, or the render still running two seconds later (blocked
+// on its input, say), ends the process at once. SIGPIPE is ignored: a reader
+// of standard error going away does not end the render.
 void CatchInterrupts();
 int CaughtSignal();  // 0 while none came
 // What a second signal removes before the process ends.
 void RemoveOnSecondSignal(const std::filesystem::path& staged, bool add);
+// While held, a signal that would end the process waits (files being put in
+// place); RemoveOnSecondSignal must not be called meanwhile.
+std::unique_lock<std::mutex> HoldSecondSignal();
+// The output is in place: a signal from now on lets the run end as it is.
+void MarkPublished(const std::unique_lock<std::mutex>& held);
 
 // Renders `o.input` to `o.output`; 0 when done. Throws Failure, MediaError,
 // DeviceError or Interrupted, having removed what it wrote.

@@ -5,12 +5,14 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "AeHost.h"
 #include "LogsController.h"
+#include "MediaCommon.h"
 #include "MediaIO.h"
 #include "RenderDevice.h"
 #include "RenderJob.h"
@@ -50,6 +52,36 @@ std::string SettleOutput(render::Options& o) {
   if (o.input.empty() || o.output.empty()) return "INPUT and -o OUTPUT are required (see --help)";
   // No host hands the module the CPU reference.
   if (o.device.rfind("reference", 0) == 0 && o.host != "engine") return "--device reference renders on the engine only";
+  return "";
+}
+
+// What the run writes (the output, its sequence's files, the UI snapshot) is
+// published by renaming over what is there: never over the input, over a
+// folder, or over one another. "" when all is well, else why not.
+std::string CheckWrittenFiles(render::Options& o) {
+  try {
+    if (o.format != "null") o.output = media::LocalOutputName(o.output);
+    if (!o.uiSnapshot.empty()) o.uiSnapshot = media::LocalOutputName(o.uiSnapshot);
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  namespace fs = std::filesystem;
+  const std::vector<std::pair<std::string, std::string>> written = {{o.format == "null" ? "" : o.output, "output"},
+                                                                    {o.uiSnapshot, "--ui-snapshot"}};
+  for (const auto& [path, what] : written) {
+    if (path.empty()) continue;
+    const std::string shared = media::FileSharedByInputAndOutput(o.input, path);
+    if (!shared.empty())
+      return what + " '" + path + "' " +
+             (shared == path ? "is the input" : "would overwrite the input file '" + shared + "'");
+    std::error_code ec;
+    if (!media::IsPattern(path) && fs::is_directory(path, ec)) return what + " '" + path + "' is a folder";
+  }
+  if (o.uiSnapshot.empty() || o.format == "null") return "";
+  std::error_code ec;
+  if (media::IsPattern(o.output) ? media::IsFrameOf(o.output, o.uiSnapshot)
+                                 : fs::weakly_canonical(o.output, ec) == fs::weakly_canonical(o.uiSnapshot, ec))
+    return "--ui-snapshot '" + o.uiSnapshot + "' is one of the output's files";
   return "";
 }
 
@@ -107,10 +139,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     return Fail(e.what(), 2);
   }
-  // The output is published by renaming over what is there: never over the input.
-  if (const std::string shared = o.format == "null" ? "" : media::FileSharedByInputAndOutput(o.input, o.output);
-      !shared.empty())
-    return Fail("output '" + o.output + "' would overwrite the input file '" + shared + "'", 2);
+  if (const std::string why = CheckWrittenFiles(o); !why.empty()) return Fail(why, 2);
   if (!host) return Fail(moduleError);
 
   render::CatchInterrupts();

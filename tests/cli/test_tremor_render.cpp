@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -158,6 +159,12 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       // The input is never written over, however the output is spelled.
       {In("audio.wav") + " -o " + Quote(Root() / "in/../in/audio.wav"), 2, "would overwrite the input file"},
       {In("in.%04d.png") + " -o " + Quote(Root() / "in/./in.%04d.png") + " --start 3", 2, "would overwrite the input"},
+      // ... nor through a protocol FFmpeg opens it with, and nor is any other file the run writes.
+      {"'file:" + (Root() / "in/audio.wav").string() + "' -o " + In("audio.wav"), 2, "is the input"},
+      {"'concat:" + (Root() / "in/odd.0001.png").string() + "|x' -o " + In("odd.0001.png"), 2, "is the input"},
+      {in + "out.mkv --ui-snapshot " + In("in.0003.png"), 2, "--ui-snapshot '" + (Root() / "in/in.0003.png").string()},
+      {in + "out.%04d.png --ui-snapshot out.0003.png", 2, "--ui-snapshot 'out.0003.png' is one of the output's files"},
+      {in + "http://example.com/out.mkv", 2, "output 'http://example.com/out.mkv' must be a file name"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
@@ -196,31 +203,64 @@ TEST_F(TremorRender, UISnapshotIsTheControlAsDrawn) {
   EXPECT_NEAR(p.rgba[(89 * 250 + 249) * 4], 0.11f, 1e-4);  // the strip under the picture
 }
 
-// One Ctrl-C stops at the next frame, a second at once: both leave nothing.
-TEST_F(TremorRender, InterruptRemovesPartialOutput) {
+// tremor-render started in the background with `input`, `output` and
+// `more`, its standard error on `err` (-1: this process's).
+pid_t Spawn(const std::string& input, const std::string& output, const char* more, int err = -1) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (err >= 0) dup2(err, STDERR_FILENO);
+    execl(TD_TREMOR_RENDER, TD_TREMOR_RENDER, input.c_str(), "-o", output.c_str(), more, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+int ExitCode(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+// Every signal that ends a session stops the render and leaves nothing: one
+// at the next frame, a second at once, and one that comes while the input
+// blocks (a FIFO no one writes) two seconds later. SIGPIPE ends nothing.
+TEST_F(TremorRender, SignalsEndARunAndLeaveNothing) {
   const fs::path src = OutDir("long-in");
   ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=320x180:rate=25 -frames:v 150 " + Quote(src / "in.%04d.png")));
-  for (int signals : {1, 2}) {
-    SCOPED_TRACE(signals);
+  ASSERT_EQ(mkfifo((src / "fifo.mkv").c_str(), 0600), 0);
+  const struct {
+    int sig, count;
+    const char* input;
+  } cases[] = {{SIGINT, 1, "in.%04d.png"},
+               {SIGINT, 2, "in.%04d.png"},
+               {SIGHUP, 1, "in.%04d.png"},
+               {SIGQUIT, 1, "in.%04d.png"},
+               {SIGTERM, 1, "fifo.mkv"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.sig) + " x" + std::to_string(c.count) + " " + c.input);
     const fs::path dir = OutDir("interrupt");
-    const pid_t pid = fork();
+    const pid_t pid = Spawn((src / c.input).string(), (dir / "out.%04d.exr").string(), "--quiet");
     ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      const std::string in = (src / "in.%04d.png").string(), out = (dir / "out.%04d.exr").string();
-      execl(TD_TREMOR_RENDER, TD_TREMOR_RENDER, in.c_str(), "-o", out.c_str(), "--quiet", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    // Interrupt once the output is being staged (waiting a minute at most).
-    for (int i = 0; i < 3000 && Names(dir).empty(); ++i) usleep(20000);
-    for (int k = 0; k < signals; ++k) {
-      kill(pid, SIGINT);
+    // Once the output is being staged (a minute at most), or the FIFO is waited on.
+    for (int i = 0; i < 3000 && Names(dir).empty() && c.input[0] == 'i'; ++i) usleep(20000);
+    usleep(c.input[0] == 'i' ? 0 : 300000);
+    for (int k = 0; k < c.count; ++k) {
+      kill(pid, c.sig);
       usleep(5000);  // after the first is taken (signals of a kind do not queue), before the render sees it
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGINT) << "not stopped by the signal: " << status;
+    EXPECT_EQ(ExitCode(pid), 128 + c.sig);
     EXPECT_TRUE(Names(dir).empty());
   }
+  // Standard error read by no one: the render's closing line fails, the render does not.
+  const fs::path dir = OutDir("epipe");
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ::close(fds[0]);
+  const pid_t pid =
+      Spawn(In("in.%04d.png").substr(1, In("in.%04d.png").size() - 2), (dir / "out.mkv").string(), "--jobs=1", fds[1]);
+  ::close(fds[1]);
+  EXPECT_EQ(ExitCode(pid), 0);
+  EXPECT_EQ(Names(dir), std::set<std::string>{"out.mkv"});
 }
 
 using Frames = std::map<std::string, std::string>;  // bytes by file name
@@ -248,6 +288,28 @@ TEST_F(TremorRender, ASequenceIsPublishedWholeOrNotAtAll) {
   EXPECT_NE(r.err.find("cannot publish ./out.0004.exr: Is a directory"), std::string::npos) << r.err;
   EXPECT_EQ(Names(dir), (std::set<std::string>{"out.0002.exr", "out.0004.exr"}));
   EXPECT_EQ(ReadAll(dir / "out.0002.exr"), "old");
+}
+
+// A run killed while publishing a sequence (its journal written, some files
+// moved) is undone by the next run in that folder: the files it replaced come
+// back and the ones it added go, never lost with its temporary folder.
+TEST_F(TremorRender, AKilledPublishIsUndoneByTheNextRun) {
+  const fs::path dir = OutDir("killed"), temp = dir / ".tremor-render.tmp-dead01";
+  fs::create_directories(temp / ".replaced");
+  std::ofstream(temp / ".journal") << "R out.0001.png\nR out.0002.png\nN out.0003.png\nN out.0004.png\n";
+  std::ofstream(dir / "out.0001.png") << "new1";  // moved in before the kill
+  std::ofstream(temp / ".replaced" / "out.0001.png") << "old1";
+  std::ofstream(dir / "out.0002.png") << "old2";  // not yet moved: kept twice
+  fs::create_hard_link(dir / "out.0002.png", temp / ".replaced" / "out.0002.png");
+  std::ofstream(temp / "out.0002.png") << "new2";
+  std::ofstream(dir / "out.0003.png") << "new3";
+  std::ofstream(temp / "out.0004.png") << "new4";
+  const Result r = RunCli(dir, In("in.%04d.png") + " -o other.mkv --quiet");
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.err.find("undid an interrupted publish"), std::string::npos) << r.err;
+  EXPECT_EQ(Names(dir), (std::set<std::string>{"other.mkv", "out.0001.png", "out.0002.png"}));
+  EXPECT_EQ(ReadAll(dir / "out.0001.png"), "old1");
+  EXPECT_EQ(ReadAll(dir / "out.0002.png"), "old2");
 }
 
 // What a killed run left is removed by the next run in that folder; what a
