@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
   libstb-dev
-  ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+  ffmpeg libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
   libcli11-dev
   frei0r-plugins-dev melt
   libfreetype-dev fonts-dejavu-core

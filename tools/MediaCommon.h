@@ -4,6 +4,7 @@
 #define TREMOR_TOOLS_MEDIACOMMON_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -50,6 +51,28 @@ SwsPtr NewScaler(int w, int h, AVPixelFormat src, AVPixelFormat dst, int flags);
 
 // Opens a path or a pattern with its stream information read.
 InputPtr OpenInput(const std::string& input);
+
+// Whether `muxer` writes a stream of `par`'s codec (a trial header in memory:
+// some refuse only there, FLAC in .mp4 among them).
+bool MuxerTakes(const AVOutputFormat* muxer, const AVCodecParameters* par);
+
+// A source's audio as AAC, packets in TimeBase(), for a container that cannot
+// take its codec.
+class AudioReencoder {
+ public:
+  using Sink = std::function<void(AVPacket*)>;
+  // Fills `encoded` with the AAC stream's parameters. Throws MediaError.
+  AudioReencoder(const AVCodecParameters* source, AVCodecParameters* encoded);
+  ~AudioReencoder();
+  AVRational TimeBase() const;
+  // A source packet, times in `timeBase`; encoded packets go to `sink`.
+  void Add(const AVPacket* packet, AVRational timeBase, const Sink& sink);
+  void Finish(const Sink& sink);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
 
 }  // namespace media
 

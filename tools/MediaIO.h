@@ -52,6 +52,13 @@ struct Rational {
   int den = 1;
 };
 
+// How the input's code values are to be read, in FFmpeg's numbering
+// (AVColorPrimaries, AVColorTransferCharacteristic, AVColorSpace,
+// AVColorRange); 2 (unspecified) where the input does not say.
+struct Colour {
+  int primaries = 2, transfer = 2, matrix = 2, range = 0;
+};
+
 struct InputInfo {
   int width = 0;
   int height = 0;
@@ -61,6 +68,7 @@ struct InputInfo {
   bool hasAudio = false;
   bool isSequence = false;
   int64_t firstNumber = 0;  // a sequence's first file number: frame k is file firstNumber + k
+  Colour colour;
 };
 
 // A frame as the decoder gave it, not yet converted: Reader::Decode fills it
@@ -136,6 +144,8 @@ class Writer {
   void Finish();
   // Files written so far (sequence frames, or the one video), for clean-up.
   std::vector<std::string> Files() const;
+  // What the user should know about the output's streams (audio re-encoded), or "".
+  std::string Note() const;
 
  private:
   struct Impl;

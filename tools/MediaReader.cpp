@@ -1,8 +1,10 @@
 // Reading: any video FFmpeg decodes, or an image sequence pattern, as float RGBA.
 #include <algorithm>
 #include <cstring>
+#include <cmath>
 
 extern "C" {
+#include <libavutil/display.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
@@ -45,6 +47,8 @@ struct Reader::Impl {
   AVPixelFormat swsSrc = AV_PIX_FMT_NONE, swsDst = AV_PIX_FMT_NONE;
   int swsW = 0, swsH = 0, swsSpace = -1, swsRange = -1;
   FramePtr staging;
+  int quarterTurns = 0;  // clockwise, to show the picture upright (a phone's display matrix)
+  std::vector<uint8_t> unturned;
 
   [[noreturn]] void Corrupt(int64_t frame) const {
     throw MediaError("corrupt frame " + std::to_string(info.firstNumber + frame) + " in '" + name + "'");
@@ -63,6 +67,9 @@ struct Reader::Impl {
     return fmt == AV_PIX_FMT_GBRPF32LE || fmt == AV_PIX_FMT_GBRAPF32LE || fmt == AV_PIX_FMT_GRAYF32LE;
   }
   void Convert(const AVFrame& f, Picture& p, int64_t frame);
+  void ConvertUnturned(const AVFrame& f, Picture& p, int64_t frame);
+  // Turns a converted picture of `pixelBytes` a pixel upright.
+  void TurnUpright(uint8_t* pixels, size_t pixelBytes, int& width, int& height);
   void ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame);
   bool Decode(AVFrame& out);
 };
@@ -86,6 +93,15 @@ void Reader::Impl::ReadInfo(bool sequence) {
   const AVStream* st = fmt->streams[stream];
   info.width = st->codecpar->width;
   info.height = st->codecpar->height;
+  // The display matrix turns counter-clockwise; only quarter turns occur in practice.
+  if (const auto* matrix =
+          reinterpret_cast<const int32_t*>(av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, nullptr))) {
+    const double degrees = -av_display_rotation_get(matrix);
+    quarterTurns = (static_cast<int>(std::lround(degrees / 90.0)) % 4 + 4) % 4;
+  }
+  if (quarterTurns % 2) std::swap(info.width, info.height);
+  const AVCodecParameters* par = st->codecpar;
+  info.colour = {par->color_primaries, par->color_trc, par->color_space, par->color_range};
   info.isSequence = sequence;
   if (sequence) av_opt_get_int(fmt->priv_data, "start_number", 0, &info.firstNumber);
   AVRational rate = st->avg_frame_rate;
@@ -141,7 +157,28 @@ const AVFrame& Reader::Impl::Scale(const AVFrame& f, AVPixelFormat dst, bool yCb
   return *staging;
 }
 
+void Reader::Impl::TurnUpright(uint8_t* pixels, size_t pixelBytes, int& width, int& height) {
+  if (quarterTurns == 0) return;
+  const size_t w = width, h = height;
+  unturned.assign(pixels, pixels + w * h * pixelBytes);
+  const size_t outW = quarterTurns % 2 ? h : w;
+  for (size_t y = 0; y < h; ++y)
+    for (size_t x = 0; x < w; ++x) {
+      size_t tx = x, ty = y;  // where source pixel (x, y) lands
+      if (quarterTurns == 1) tx = h - 1 - y, ty = x;
+      if (quarterTurns == 2) tx = w - 1 - x, ty = h - 1 - y;
+      if (quarterTurns == 3) tx = y, ty = w - 1 - x;
+      std::memcpy(pixels + (ty * outW + tx) * pixelBytes, unturned.data() + (y * w + x) * pixelBytes, pixelBytes);
+    }
+  if (quarterTurns % 2) std::swap(width, height);
+}
+
 void Reader::Impl::Convert(const AVFrame& f, Picture& p, int64_t frame) {
+  ConvertUnturned(f, p, frame);
+  TurnUpright(reinterpret_cast<uint8_t*>(p.rgba.data()), 4 * sizeof(float), p.width, p.height);
+}
+
+void Reader::Impl::ConvertUnturned(const AVFrame& f, Picture& p, int64_t frame) {
   p.width = f.width;
   p.height = f.height;
   p.pts = info.isSequence || f.best_effort_timestamp == AV_NOPTS_VALUE ? kNoTime : f.best_effort_timestamp;
@@ -188,6 +225,8 @@ void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t f
     // Float as Convert makes it, in the engine's channel order.
     thread_local Picture floats;
     Convert(f, floats, frame);
+    p.width = floats.width;
+    p.height = floats.height;
     p.pts = floats.pts;
     p.depth = SampleDepth::Float;
     p.pixels.resize(n * 4 * sizeof(float));
@@ -207,7 +246,8 @@ void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t f
     const uint8_t* in = packed.data[0] + static_cast<ptrdiff_t>(packed.linesize[0]) * y;
     if (eight) {
       uint8_t* out = p.pixels.data() + static_cast<size_t>(f.width) * 4 * y;
-      for (int x = 0; x < f.width; ++x, in += 4, out += 4) out[0] = in[2], out[1] = in[1], out[2] = in[0], out[3] = in[3];
+      for (int x = 0; x < f.width; ++x, in += 4, out += 4)
+        out[0] = in[2], out[1] = in[1], out[2] = in[0], out[3] = in[3];
     } else {
       auto* out = reinterpret_cast<uint16_t*>(p.pixels.data()) + static_cast<size_t>(f.width) * 4 * y;
       const auto* in16 = reinterpret_cast<const uint16_t*>(in);
@@ -215,6 +255,7 @@ void Reader::Impl::ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t f
         out[0] = in16[2], out[1] = in16[1], out[2] = in16[0], out[3] = in16[3];
     }
   }
+  TurnUpright(p.pixels.data(), eight ? 4 : 8, p.width, p.height);
 }
 
 bool Reader::Next(Picture& picture) {

@@ -78,6 +78,8 @@ struct Writer::Impl {
   AVRational inputTimeBase{0, 1};
   bool timed = false;
   int64_t firstPts = 0, lastPts = 0;
+  Colour colour;  // the input's, carried to the output
+  AVCodecParameters* reencoded = nullptr;
 
   // Audio stream copy.
   InputPtr audioIn;
@@ -85,9 +87,12 @@ struct Writer::Impl {
   AVStream* audioOut = nullptr;
   PacketPtr audioPkt{av_packet_alloc()};
   bool audioPending = false, audioDone = false;
+  std::unique_ptr<AudioReencoder> reencoder;  // where the container cannot take the source's codec
+  std::string note;
   int64_t audioOffset = 0;  // input time base: where the first written frame sits
 
   ~Impl() {
+    avcodec_parameters_free(&reencoded);
     if (mux) {
       if (mux->pb) avio_closep(&mux->pb);
       avformat_free_context(mux);
@@ -102,7 +107,25 @@ struct Writer::Impl {
   void Drain();
   void PumpAudio(int64_t untilIn);
   void PumpAudioTo(int64_t pts);
+  void WriteAudio(AVPacket* packet, AVRational timeBase);
 };
+
+namespace {
+
+// Image files keep no colour tags here: input that is not BT.709 or sRGB
+// would come out looking like it, so it is refused.
+void CheckSequenceCarries(const Colour& c, const std::string& output) {
+  const bool primaries = c.primaries == AVCOL_PRI_BT709 || c.primaries == AVCOL_PRI_UNSPECIFIED || c.primaries <= 0;
+  const bool transfer = c.transfer == AVCOL_TRC_BT709 || c.transfer == AVCOL_TRC_IEC61966_2_1 ||
+                        c.transfer == AVCOL_TRC_UNSPECIFIED || c.transfer == AVCOL_TRC_GAMMA22 || c.transfer <= 0;
+  if (primaries && transfer) return;
+  const char* p = av_color_primaries_name(static_cast<AVColorPrimaries>(c.primaries));
+  const char* t = av_color_transfer_name(static_cast<AVColorTransferCharacteristic>(c.transfer));
+  throw MediaError("'" + output + "' cannot record the input's colour (primaries " + (p ? p : "?") + ", transfer " +
+                   (t ? t : "?") + "): write " + ExtensionList(false, ", ", false) + " instead");
+}
+
+}  // namespace
 
 Writer::Writer(const std::string& output, const OutputFormat& format, const InputInfo& info,
                const std::string& audioSource)
@@ -113,7 +136,12 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   if (info.frameRate.num > 0 && info.frameRate.den > 0) m.rate = AVRational{info.frameRate.num, info.frameRate.den};
   m.inputTimeBase = AVRational{info.timeBase.num, info.timeBase.den};
   m.firstNumber = info.firstNumber;
-  if (format.sequence) return;
+  m.colour = info.colour;
+  if (format.sequence) {
+    CheckSequenceCarries(info.colour, output);
+    if (!audioSource.empty()) m.note = "the input's audio is not written: an image sequence holds pictures only";
+    return;
+  }
   const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
   if (r < 0 || !m.mux) throw MediaError("cannot create output '" + output + "': " + AvError(r));
   // The same render gives the same file: no random ids (Matroska's segment
@@ -127,12 +155,19 @@ Writer::~Writer() = default;
 void Writer::Impl::OpenAudioSource(const std::string& source) {
   audioIn = OpenInput(source);
   const int a = av_find_best_stream(audioIn.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-  if (a >= 0) {
-    const AVCodecParameters* par = audioIn->streams[a]->codecpar;
-    // The container may not hold this codec (e.g. PCM in .mp4): then no audio.
-    if (avformat_query_codec(mux->oformat, par->codec_id, FF_COMPLIANCE_NORMAL) == 1) audioInIndex = a;
+  if (a < 0) {
+    audioIn.reset();
+    return;
   }
-  if (audioInIndex < 0) audioIn.reset();
+  audioInIndex = a;
+  const AVCodecParameters* par = audioIn->streams[a]->codecpar;
+  if (MuxerTakes(mux->oformat, par)) return;
+  // PCM in .mp4, FLAC in .mp4 or Opus in .mov: AAC, which they all take.
+  reencoded = avcodec_parameters_alloc();
+  reencoder = std::make_unique<AudioReencoder>(par, reencoded);
+  const AVCodecDescriptor* d = avcodec_descriptor_get(par->codec_id);
+  note = std::string("the input's ") + (d ? d->name : "audio") + " audio cannot go in " + format->extension +
+         ": re-encoded as AAC";
 }
 
 void Writer::Impl::OpenEncoder(int w, int h) {
@@ -151,11 +186,17 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   enc->pix_fmt = encFmt;
   enc->time_base = timed ? inputTimeBase : av_inv_q(rate);
   enc->framerate = rate;
-  if (f.layout == PixelLayout::YCbCr709) {
-    enc->color_primaries = AVCOL_PRI_BT709;
-    enc->color_trc = AVCOL_TRC_BT709;
-    enc->colorspace = AVCOL_SPC_BT709;
-    enc->color_range = AVCOL_RANGE_MPEG;
+  if (!f.sequence) {
+    // The input's primaries, transfer, matrix and range, BT.709 limited range
+    // where it does not say: the code values pass through unchanged.
+    const bool yCbCr = f.layout == PixelLayout::YCbCr709;
+    auto given = [](int v, int fallback) { return v == AVCOL_PRI_UNSPECIFIED || v <= 0 ? fallback : v; };
+    enc->color_primaries = static_cast<AVColorPrimaries>(given(colour.primaries, yCbCr ? AVCOL_PRI_BT709 : 2));
+    enc->color_trc = static_cast<AVColorTransferCharacteristic>(given(colour.transfer, yCbCr ? AVCOL_TRC_BT709 : 2));
+    const bool inputMatrix = colour.matrix != AVCOL_SPC_RGB && colour.matrix != AVCOL_SPC_UNSPECIFIED;
+    enc->colorspace =
+        yCbCr ? (inputMatrix ? static_cast<AVColorSpace>(colour.matrix) : AVCOL_SPC_BT709) : AVCOL_SPC_RGB;
+    enc->color_range = yCbCr && colour.range != AVCOL_RANGE_JPEG ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
   }
   if (mux && (mux->oformat->flags & AVFMT_GLOBALHEADER)) enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   // One thread per core, slices or whole frames as the encoder can: these
@@ -188,8 +229,9 @@ void Writer::Impl::OpenColourConversion(int w, int h) {
   planes16 = NewFrame(planes, w, h);
   sws = NewScaler(w, h, planes, enc->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
-  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
-  sws_setColorspaceDetails(sws.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+  // swscale numbers its matrices as AVColorSpace does.
+  const int* matrix = sws_getCoefficients(enc->colorspace);
+  sws_setColorspaceDetails(sws.get(), matrix, 1, matrix, enc->color_range == AVCOL_RANGE_JPEG, 0, 1 << 16, 1 << 16);
 }
 
 // The video's streams and header: audio starts where the first written frame sits.
@@ -201,9 +243,9 @@ void Writer::Impl::OpenFile() {
   if (audioIn) {
     const AVStream* in = audioIn->streams[audioInIndex];
     audioOut = avformat_new_stream(mux, nullptr);
-    avcodec_parameters_copy(audioOut->codecpar, in->codecpar);
+    avcodec_parameters_copy(audioOut->codecpar, reencoder ? reencoded : in->codecpar);
     audioOut->codecpar->codec_tag = 0;
-    audioOut->time_base = in->time_base;
+    audioOut->time_base = reencoder ? reencoder->TimeBase() : in->time_base;
     // Both streams keep the container's clock: the audio starts at the
     // instant of the first written picture.
     audioOffset = timed ? av_rescale_q(firstPts, inputTimeBase, in->time_base)
@@ -250,12 +292,21 @@ void Writer::Impl::PumpAudio(int64_t untilIn) {
     }
     audioPkt->pts = pts;
     if (audioPkt->dts != AV_NOPTS_VALUE) audioPkt->dts -= audioOffset;
-    audioPkt->stream_index = audioOut->index;
-    audioPkt->pos = -1;
-    av_packet_rescale_ts(audioPkt.get(), in->time_base, audioOut->time_base);
-    const int r = av_interleaved_write_frame(mux, audioPkt.get());
-    if (r < 0) throw MediaError("cannot write audio to '" + output + "': " + AvError(r));
+    if (reencoder) {
+      reencoder->Add(audioPkt.get(), in->time_base, [&](AVPacket* p) { WriteAudio(p, reencoder->TimeBase()); });
+      av_packet_unref(audioPkt.get());
+    } else {
+      WriteAudio(audioPkt.get(), in->time_base);
+    }
   }
+}
+
+void Writer::Impl::WriteAudio(AVPacket* packet, AVRational timeBase) {
+  packet->stream_index = audioOut->index;
+  packet->pos = -1;
+  av_packet_rescale_ts(packet, timeBase, audioOut->time_base);
+  const int r = av_interleaved_write_frame(mux, packet);
+  if (r < 0) throw MediaError("cannot write audio to '" + output + "': " + AvError(r));
 }
 
 // Audio up to the end of the picture at `pts` (the encoder's count): one
@@ -338,6 +389,7 @@ void Writer::Finish() {
   m.Drain();
   if (!m.mux) return;
   m.PumpAudioTo(m.timed ? m.lastPts : m.last - m.first);
+  if (m.reencoder) m.reencoder->Finish([&](AVPacket* p) { m.WriteAudio(p, m.reencoder->TimeBase()); });
   int r = av_write_trailer(m.mux);
   if (r < 0) throw MediaError("cannot finish '" + m.output + "': " + AvError(r));
   r = avio_closep(&m.mux->pb);
@@ -345,6 +397,8 @@ void Writer::Finish() {
 }
 
 std::vector<std::string> Writer::Files() const { return impl_->files; }
+
+std::string Writer::Note() const { return impl_->note; }
 
 void WritePng(const std::string& path, const Picture& picture) {
   const OutputFormat& png = OutputFormatFor("x.%d.png");  // the sequences' PNG row: same encoder and layout

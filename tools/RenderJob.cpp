@@ -630,6 +630,7 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
     if (sink) {
       sink->Flush();
       writer->Finish();
+      if (!o.quiet && !writer->Note().empty()) std::fprintf(stderr, "tremor-render: %s\n", writer->Note().c_str());
       files = writer->Files();
       writer.reset();
     }
@@ -769,6 +770,7 @@ int Run(aehost::AeHost& host, const Options& o) {
     }
     sink.Flush();
     writer->Finish();
+    if (!o.quiet && !writer->Note().empty()) std::fprintf(stderr, "tremor-render: %s\n", writer->Note().c_str());
     const std::vector<std::string> files = writer->Files();
     writer.reset();
     // The panel as the render left it: the GPU at work, or the notice.

@@ -97,7 +97,8 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"null"}))
       ->type_name("FORMAT");
 
-  app.add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE], cuda[:N], or reference (the CPU reference, on the engine)")
+  app.add_option("--device", o.device,
+                 "auto, opencl[:PLATFORM.DEVICE], cuda[:N], or reference (the CPU reference, on the engine)")
       ->capture_default_str()
       ->group("Run");
   app.add_flag("--list-devices", o.listDevices, "List devices and exit")->group("Run");

@@ -9,7 +9,9 @@ namespace render {
 namespace {
 
 FrameDepth EngineDepth(media::SampleDepth d) {
-  return d == media::SampleDepth::U8 ? FRAME_DEPTH_U8 : d == media::SampleDepth::U16 ? FRAME_DEPTH_U16 : FRAME_DEPTH_PASS;
+  return d == media::SampleDepth::U8    ? FRAME_DEPTH_U8
+         : d == media::SampleDepth::U16 ? FRAME_DEPTH_U16
+                                        : FRAME_DEPTH_PASS;
 }
 
 void ToSource(media::CompactPicture&& from, engine::SourcePicture& to) {
@@ -38,9 +40,7 @@ SequentialClip::~SequentialClip() {
   converter_.join();
 }
 
-bool SequentialClip::Wanted(int64_t k) const {
-  return k <= std::max(asked_, from_) + static_cast<int64_t>(ahead_);
-}
+bool SequentialClip::Wanted(int64_t k) const { return k <= std::max(asked_, from_) + static_cast<int64_t>(ahead_); }
 
 void SequentialClip::DecodeLoop() {
   for (;;) {

@@ -52,11 +52,11 @@ class SequentialClip : public engine::ClipSource {
   std::map<int64_t, media::CompactPicture> converted_;
   std::map<int64_t, int64_t> pts_;
   std::vector<std::vector<uint8_t>> spare_;  // pixel memory to convert into
-  int64_t decodedUpTo_ = 0;    // frames read so far
-  int64_t convertNext_ = 0;    // the next frame the converter takes
-  int64_t asked_ = -1;         // the newest frame asked for
-  int64_t forgotten_ = 0;      // frames before this are gone
-  int64_t converting_ = -1;    // the frame the converter is on
+  int64_t decodedUpTo_ = 0;                  // frames read so far
+  int64_t convertNext_ = 0;                  // the next frame the converter takes
+  int64_t asked_ = -1;                       // the newest frame asked for
+  int64_t forgotten_ = 0;                    // frames before this are gone
+  int64_t converting_ = -1;                  // the frame the converter is on
   bool ended_ = false, stopping_ = false;
   std::exception_ptr error_;
   std::thread decoder_, converter_;

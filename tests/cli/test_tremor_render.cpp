@@ -327,6 +327,45 @@ TEST_F(TremorRender, StaleTemporariesOfDeadRunsAreRemoved) {
   EXPECT_EQ(Names(dir), (std::set<std::string>{".out.tremor-render-live03.mkv", "out.mkv"}));
 }
 
+std::string Probe(const std::string& entries, const fs::path& file) {
+  const std::string cmd = "ffprobe -v error -show_entries " + entries + " -of csv=p=0 " + Quote(file);
+  std::string text;
+  if (FILE* p = popen(cmd.c_str(), "r")) {
+    for (int c; (c = std::fgetc(p)) != EOF;) text += static_cast<char>(c);
+    pclose(p);
+  }
+  return text;
+}
+
+// A phone's portrait clip comes out upright, the input's colour tags and
+// audio reach the output (re-encoded where the container cannot take the
+// codec, saying so), and an output that cannot record them is refused.
+TEST_F(TremorRender, WhatTheInputCarriesComesOut) {
+  const fs::path dir = OutDir("carries");
+  const std::string clip = "-f lavfi -i testsrc=size=64x32:rate=10 ";
+  ASSERT_TRUE(Ffmpeg(clip + "-frames:v 6 -c:v png " + Quote(dir / "flat.mov")));
+  ASSERT_TRUE(Ffmpeg("-i " + Quote(dir / "flat.mov") + " -c copy -metadata:s:v rotate=90 " + Quote(dir / "phone.mov")));
+  ASSERT_TRUE(
+      Ffmpeg("-i " + Quote(dir / "phone.mov") + " -c:v png " + Quote(dir / "upright.mov")));  // turned by ffmpeg
+  ASSERT_EQ(RunCli(dir, "phone.mov -o phone.%02d.png -q").code, 0);
+  ASSERT_EQ(RunCli(dir, "upright.mov -o upright.%02d.png -q").code, 0);
+  EXPECT_EQ(Probe("stream=width,height", dir / "phone.03.png"), "32,64\n");
+  EXPECT_EQ(ReadAll(dir / "phone.03.png"), ReadAll(dir / "upright.03.png"));
+
+  ASSERT_TRUE(Ffmpeg(clip +
+                     "-f lavfi -i sine=d=1 -frames:v 6 -c:v ffv1 -pix_fmt yuv444p10le -color_primaries bt2020 "
+                     "-color_trc smpte2084 -colorspace bt2020nc -c:a flac " +
+                     Quote(dir / "hdr.mkv")));
+  Result r = RunCli(dir, "hdr.mkv -o hdr.mp4");
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.err.find("the input's flac audio cannot go in .mp4: re-encoded as AAC"), std::string::npos) << r.err;
+  EXPECT_EQ(Probe("stream=codec_name,color_primaries,color_transfer,color_space", dir / "hdr.mp4"),
+            "h264,bt2020nc,smpte2084,bt2020\naac\n");
+  r = RunCli(dir, "hdr.mkv -o hdr.%02d.png");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("cannot record the input's colour (primaries bt2020, transfer smpte2084)"), std::string::npos);
+}
+
 // The numbers a command prints, one or more a line.
 std::vector<double> Numbers(const std::string& cmd) {
   std::vector<double> v;
