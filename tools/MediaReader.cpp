@@ -77,6 +77,14 @@ struct Reader::Impl {
 void Reader::Impl::OpenDecoder(const std::string& input) {
   const AVCodec* codec = nullptr;
   stream = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+  // A song's cover art is a one-picture "video" stream, not a clip.
+  auto attached = [&](unsigned i) { return (fmt->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0; };
+  if (stream >= 0 && attached(stream)) {
+    stream = -1;
+    for (unsigned i = 0; i < fmt->nb_streams && stream < 0; ++i)
+      if (fmt->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !attached(i)) stream = static_cast<int>(i);
+  }
+  if (stream >= 0) codec = avcodec_find_decoder(fmt->streams[stream]->codecpar->codec_id);
   if (stream < 0 || !codec) throw MediaError("'" + input + "' has no video stream");
   dec.reset(avcodec_alloc_context3(codec));
   if (avcodec_parameters_to_context(dec.get(), fmt->streams[stream]->codecpar) < 0)

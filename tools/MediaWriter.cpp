@@ -207,7 +207,8 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   const int r = avcodec_open2(enc.get(), codec, &opts);
   av_dict_free(&opts);
   if (r < 0)
-    throw MediaError("cannot open the " + std::string(f.codec) + " encoder for '" + output + "': " + AvError(r));
+    throw MediaError("'" + output + "': " + f.description + " cannot encode " + std::to_string(w) + "x" +
+                     std::to_string(h) + " pictures (FFmpeg's " + f.codec + ": " + AvError(r) + ")");
 
   frame = NewFrame(encFmt, w, h);
   // Some encoders (ProRes) tag from the frame, not the context.

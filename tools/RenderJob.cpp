@@ -9,6 +9,7 @@
 #include <atomic>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 #include <mutex>
 #include <thread>
@@ -348,9 +349,16 @@ void RenderFrames(ClipHost& host, int64_t first, int64_t last, int jobs, Feed& f
   }
 }
 
-// The checks that need no input or device, in the order users meet them.
+}  // namespace
+
 const media::OutputFormat& CheckCommand(const Options& o) {
   const media::OutputFormat& format = media::OutputFormatFor(o.output);
+  if (format.sequence) {
+    // FFmpeg writes at most 19 digits of a frame number.
+    std::smatch width;
+    if (std::regex_search(o.output, width, std::regex("%0?([0-9]+)d")) && std::stoi(width[1].str().substr(0, 4)) > 18)
+      throw Failure("output pattern '" + o.output + "' asks for " + width[1].str() + " digits; at most 18 fit");
+  }
   const fs::path output(o.output);
   const fs::path outDir = output.parent_path().empty() ? fs::path(".") : output.parent_path();
   if (!fs::is_directory(outDir)) throw Failure("output folder " + outDir.string() + " does not exist");
@@ -364,6 +372,8 @@ const media::OutputFormat& CheckCommand(const Options& o) {
   }
   return format;
 }
+
+namespace {
 
 std::string PastTheEnd(int64_t start, int64_t lastFrame) {
   return "--start " + std::to_string(start) + " is past the clip's last frame (" + std::to_string(lastFrame) + ")";
@@ -676,7 +686,7 @@ HostPlan PlanHostRender(const ClipHost& clip, const media::InputInfo& info, cons
     // As Premiere does: its filter asks for frames in whole steps.
     if (!o.quiet)
       std::fprintf(stderr, "tremor-render: the premiere host steps whole frames; --frames-offset %g counts as %g\n",
-                   p.offset, std::trunc(p.offset));
+                   p.offset, std::trunc(p.offset) + 0.0);  // + 0.0: -0.5 counts as 0, not -0
     p.offset = std::trunc(p.offset);
   }
   p.window = NeededFrames(p.frames, p.offset);

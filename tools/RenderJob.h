@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "AeHost.h"
+#include "OutputFormats.h"
 #include "TremorDistiller_Parameters.h"  // the Disk IDs
 
 namespace render {
@@ -63,6 +64,10 @@ void RemoveOnSecondSignal(const std::filesystem::path& staged, bool add);
 std::unique_lock<std::mutex> HoldSecondSignal();
 // The output is in place: a signal from now on lets the run end as it is.
 void MarkPublished(const std::unique_lock<std::mutex>& held);
+
+// The checks of the output and snapshot names that need no input or device,
+// in the order users meet them; throws Failure.
+const media::OutputFormat& CheckCommand(const Options& o);
 
 // Renders `o.input` to `o.output`; 0 when done. Throws Failure, MediaError,
 // DeviceError or Interrupted, having removed what it wrote.

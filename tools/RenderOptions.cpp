@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cmath>
 #include <cstdio>
 #include <iterator>
 #include <limits>
@@ -26,14 +27,16 @@ std::string Number(double v) {
   return text;
 }
 
-// CLI11's own range message prints doubles with six decimals.
-CLI::Validator InRange(double lo, double hi) {
+// CLI11's own range message prints doubles with six decimals. Frames takes
+// whole numbers only: the effect would cut 10.5 frames to 10.
+CLI::Validator InRange(double lo, double hi, bool whole) {
   const std::string range = Number(lo) + ".." + Number(hi);
   return CLI::Validator(
-      [lo, hi, range](std::string& text) -> std::string {
+      [lo, hi, range, whole](std::string& text) -> std::string {
         double v = 0;
         if (!CLI::detail::lexical_cast(text, v)) return "value " + text + " is not a number";
         if (!(v >= lo && v <= hi)) return "value " + text + " is outside " + range;
+        if (whole && v != std::trunc(v)) return "value " + text + " is not a whole number";
         return {};
       },
       range);
@@ -79,7 +82,7 @@ void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInp
       if (first >= 0 && first < static_cast<int>(e.words.size())) e.option->default_str(e.words[first]);
     } else {
       e.option = app.add_option(row.option, e.number, row.optionHelp);
-      e.option->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max));
+      e.option->check(InRange(def.u.fs_d.valid_min, def.u.fs_d.valid_max, row.diskId == PARAM_FRAMES));
       e.option->default_str(Number(def.u.fs_d.dephault));
     }
     e.option->group("Effect");

@@ -146,6 +146,7 @@ bool SequentialClip::Fetch(int64_t k, engine::SourcePicture& picture) {
   if (auto it = converted_.find(k); it != converted_.end()) {
     ToSource(std::move(it->second), picture);
     converted_.erase(it);
+    CheckSize(k, picture);
     return true;
   }
   if (auto it = decoded_.find(k); it != decoded_.end()) {
@@ -158,10 +159,20 @@ bool SequentialClip::Fetch(int64_t k, engine::SourcePicture& picture) {
       reader_.ConvertCompact(*frame, again);
     }
     ToSource(std::move(again), picture);
+    CheckSize(k, picture);
     return true;
   }
   if (error_) std::rethrow_exception(error_);
   return false;
+}
+
+// Named as the user knows the frame: a sequence's by its file number.
+void SequentialClip::CheckSize(int64_t k, const engine::SourcePicture& picture) const {
+  const media::InputInfo& info = reader_.Info();
+  if (picture.width == info.width && picture.height == info.height) return;
+  auto size = [](int w, int h) { return std::to_string(w) + "x" + std::to_string(h); };
+  throw media::MediaError((info.isSequence ? "file " : "frame ") + std::to_string(k + info.firstNumber) + " is " +
+                          size(picture.width, picture.height) + ", unlike the clip's " + size(info.width, info.height));
 }
 
 void SequentialClip::Recycle(engine::SourcePicture&& picture) {

@@ -38,6 +38,7 @@ class SequentialClip : public engine::ClipSource {
   bool Has(int64_t k);
 
  private:
+  void CheckSize(int64_t k, const engine::SourcePicture& picture) const;
   void DecodeLoop();
   void ConvertLoop();
   bool Wanted(int64_t k) const;  // under mutex_

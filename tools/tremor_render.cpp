@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -50,6 +52,7 @@ std::string SettleOutput(render::Options& o) {
     if (o.host != "engine") return "-f null renders on the engine only";
   }
   if (o.input.empty() || o.output.empty()) return "INPUT and -o OUTPUT are required (see --help)";
+  if (o.input == "-") o.input = "pipe:0";  // FFmpeg's spelling of standard input
   // No host hands the module the CPU reference.
   if (o.device.rfind("reference", 0) == 0 && o.host != "engine") return "--device reference renders on the engine only";
   return "";
@@ -85,6 +88,24 @@ std::string CheckWrittenFiles(render::Options& o) {
   return "";
 }
 
+// Where the effect's log cannot be written, the module says so on std::cerr
+// at every record; tremor-render says it once (after parsing, unless -q) and
+// keeps the rest off the terminal. "" when the log can be written.
+std::string QuietenUnwritableLog() {
+  namespace fs = std::filesystem;
+  const fs::path log = render::LogPath();
+  std::error_code ec;
+  if (log.is_absolute()) fs::create_directories(log.parent_path(), ec);
+  if (log.is_absolute() && std::ofstream(log, std::ios::app).is_open()) return "";
+  static std::streambuf* const nowhere = [] {
+    static std::ofstream closed;  // never opened: it takes nothing
+    return closed.rdbuf();
+  }();
+  std::cerr.rdbuf(nowhere);
+  if (!log.is_absolute()) return "the effect's log cannot be written: no usable temporary folder (TMPDIR)";
+  return "the effect's log cannot be written at " + log.string() + "; rendering without it";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,6 +119,7 @@ int main(int argc, char** argv) {
   std::vector<render::EffectInput> effect;
   // The engine logs where the module does; the module's set-up, which comes
   // next, starts the file afresh.
+  const std::string logNotice = QuietenUnwritableLog();
   LoggerInit(kLogFileStem, kLogFolderName);
   try {
     host = render::LoadEffect();
@@ -118,6 +140,7 @@ int main(int argc, char** argv) {
   }
 
   o.effect = render::GivenEffectValues(effect);
+  if (!logNotice.empty() && !o.quiet && !o.version) std::fprintf(stderr, "tremor-render: %s\n", logNotice.c_str());
   if (o.version) {
     std::printf("tremor-render %s\n", TD_VERSION);
     return 0;
@@ -140,6 +163,11 @@ int main(int argc, char** argv) {
     return Fail(e.what(), 2);
   }
   if (const std::string why = CheckWrittenFiles(o); !why.empty()) return Fail(why, 2);
+  try {
+    if (o.format != "null") render::CheckCommand(o);
+  } catch (const std::exception& e) {
+    return Fail(e.what(), 2);
+  }
   if (!host) return Fail(moduleError);
 
   render::CatchInterrupts();

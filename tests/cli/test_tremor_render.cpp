@@ -85,6 +85,8 @@ class TremorRender : public ::testing::Test {
     // Moving content, so stacks of different frames differ.
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32:rate=10 -frames:v 12 -start_number 0 " + In("in.%04d.png")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i sine=frequency=440:duration=1 " + In("audio.wav")));
+    ASSERT_TRUE(Ffmpeg("-i " + In("audio.wav") + " -i " + In("in.0000.png") + " -map 0 -map 1 -c:v png " +
+                       "-disposition:v attached_pic " + In("cover.mp3")));
     // An odd size that H.264 refuses at frame 0; a later failure must not overtake it.
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=8x5 -frames:v 2 " + In("odd.%04d.png")));
     fs::resize_file(in / "odd.0002.png", 60);
@@ -97,6 +99,7 @@ class TremorRender : public ::testing::Test {
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 3 -start_number 123456 " + In("big.%06d.png")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=64x32 -frames:v 2 -start_number 0 " + In("size.%04d.png")));
     ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=32x32 -frames:v 1 -start_number 2 " + In("size.%04d.png")));
+    fs::rename(in / "size.0000.png", in / "size.0003.png");  // numbered from 1: file 2 is frame 1
   }
   static void TearDownTestSuite() {
     if (!::testing::UnitTest::GetInstance()->Failed()) fs::remove_all(Root());
@@ -125,14 +128,14 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
       {In("cut.%04d.png") + " -o out.%04d.exr", 1, "corrupt frame 105 in '"},  // by its file's number
       {In("gap.%04d.png") + " -o out.%04d.exr", 1, "has no file for frame 3-4, 7 (its files run from 0 to 8)"},
       {In("big.%06d.png") + " -o out.%06d.png", 0, "3 frames in ", 3, "out.123456.png"},  // numbers kept
-      {In("size.%04d.png") + " -o out.%04d.png", 1, "frame 2 is 32x32, unlike the clip's 64x32"},
+      {In("size.%04d.png") + " -o out.%04d.png", 1, "file 2 is 32x32, unlike the clip's 64x32"},
       {In("odd.%04d.png") + " -o out.mp4", 1, "H.264 needs an even width and height, not 8x5"},
-      {in + "out.xyz", 1, "extension '.xyz' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)"},
-      {in + "out.exr", 1, "output 'out.exr' needs a frame number pattern like out.%04d.exr"},
-      {in + "no/out.mov", 1, "output folder no does not exist"},
+      {in + "out.xyz", 2, "extension '.xyz' (use .mp4, .mov, .mkv, or a .png/.exr pattern like out.%04d.exr)"},
+      {in + "out.exr", 2, "output 'out.exr' needs a frame number pattern like out.%04d.exr"},
+      {in + "no/out.mov", 2, "output folder no does not exist"},
       {in + "out.mkv --ui-snapshot ui.png", 0, "12 frames in ", 2},
-      {in + "out.mkv --ui-snapshot no/ui.png", 1, "--ui-snapshot folder no does not exist"},
-      {in + "out.mkv --ui-snapshot ui.jpg", 1, "--ui-snapshot ui.jpg must name a .png file"},
+      {in + "out.mkv --ui-snapshot no/ui.png", 2, "--ui-snapshot folder no does not exist"},
+      {in + "out.mkv --ui-snapshot ui.jpg", 2, "--ui-snapshot ui.jpg must name a .png file"},
       {in + "out.%04d.exr --start 12", 1, "--start 12 is past the clip's last frame (11)"},
       {in + "out.%04d.exr --start 5 --end 4", 2, "--end must not be before --start"},
       {in + "out.%04d.exr --device opencl:9.9", 1, "no device opencl:9.9 (see --list-devices)"},
@@ -146,6 +149,9 @@ TEST_F(TremorRender, RunsExitSayAndLeaveWhatTheyShould) {
        "0.1 MiB (--memory)"},
       {in + "out.%04d.exr --frames-offset -100.5", 2, "--frames-offset: value -100.5 is outside -100..100"},
       {in + "out.%04d.exr --frames-fade x", 2, "--frames-fade: value x is not a number"},
+      {in + "out.%04d.exr --frames 10.5", 2, "--frames: value 10.5 is not a whole number"},
+      {in + "out.%020d.png", 2, "output pattern 'out.%020d.png' asks for 20 digits; at most 18 fit"},
+      {In("cover.mp3") + " -o out.mkv", 1, "cover.mp3' has no video stream"},  // its cover art is no clip
       {in + "out.%04d.exr --blending-mode multiply", 2, "--blending-mode: multiply not in {add,screen}"},
       {in + "out.%04d.exr --host premiere --precision half --frames-offset 1.5", 0,
        "premiere host steps whole frames; --frames-offset 1.5 counts as 1", 12},
