@@ -1,6 +1,9 @@
 // The one place that knows which device kinds this build has.
 #include "Device.h"
 
+#include <cstdlib>
+#include <filesystem>
+
 #if defined(_WIN32)
 #include <windows.h>
 #else
@@ -70,6 +73,23 @@ DeviceText ParseDeviceText(const std::string& text) {
   throw DeviceError("expected " + expected);
 }
 
+// PoCL lists no device at all when it cannot write its kernel cache: the
+// likelier cause then, and the way out.
+std::string WhyNoOpenCL() {
+  namespace fs = std::filesystem;
+  const char* set = std::getenv("POCL_CACHE_DIR");
+  const char* xdg = std::getenv("XDG_CACHE_HOME");
+  const char* home = std::getenv("HOME");
+  const fs::path cache = set   ? fs::path(set)
+                         : xdg ? fs::path(xdg) / "pocl"
+                               : fs::path(home ? home : "") / ".cache/pocl";
+  fs::path p = cache;
+  std::error_code ec;
+  while (!p.empty() && p != p.parent_path() && !fs::exists(p, ec)) p = p.parent_path();
+  if (fs::is_directory(p, ec) && ::access(p.c_str(), W_OK) == 0) return " (is PoCL installed?)";
+  return " (PoCL cannot write its kernel cache " + cache.string() + ": set POCL_CACHE_DIR to a writable folder)";
+}
+
 }  // namespace
 
 void CheckDeviceText(const std::string& text) { ParseDeviceText(text); }
@@ -87,7 +107,7 @@ DeviceListing ResolveDeviceText(const std::string& text) {
   for (const DeviceKind* kind : DeviceKinds())
     if (!t.kind || kind == t.kind) kinds += std::string(kinds.empty() ? "" : " or ") + kind->label;
   const bool openclSearched = !t.kind || std::string(t.kind->name) == "opencl";
-  throw DeviceError("no " + kinds + " device found" + (openclSearched ? " (is PoCL installed?)" : ""));
+  throw DeviceError("no " + kinds + " device found" + (openclSearched ? WhyNoOpenCL() : ""));
 }
 
 Device OpenDevice(const std::string& text) {

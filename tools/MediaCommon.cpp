@@ -144,6 +144,14 @@ bool IsFrameOf(const std::string& pattern, const std::string& path) {
   return false;
 }
 
+bool Rereadable(const std::string& input) {
+  const std::vector<std::string> paths = OpenedPaths(input);
+  struct stat st {};
+  for (const auto& path : paths)
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  return !paths.empty();
+}
+
 std::string LocalOutputName(const std::string& output) {
   const std::vector<std::string> paths = OpenedPaths(output);
   if (paths.size() != 1 || (output.rfind("file:", 0) != 0 && paths[0] != output))

@@ -52,6 +52,10 @@ SwsPtr NewScaler(int w, int h, AVPixelFormat src, AVPixelFormat dst, int flags);
 // Opens a path or a pattern with its stream information read.
 InputPtr OpenInput(const std::string& input);
 
+// Whether `input` can be opened again from its start: regular files, not
+// pipes, FIFOs or network streams.
+bool Rereadable(const std::string& input);
+
 // Whether `muxer` writes a stream of `par`'s codec (a trial header in memory:
 // some refuse only there, FLAC in .mp4 among them).
 bool MuxerTakes(const AVOutputFormat* muxer, const AVCodecParameters* par);

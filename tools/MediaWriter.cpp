@@ -147,7 +147,13 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   // The same render gives the same file: no random ids (Matroska's segment
   // id) and no library version in the container.
   m.mux->flags |= AVFMT_FLAG_BITEXACT;
-  if (!audioSource.empty() && !IsPattern(audioSource)) m.OpenAudioSource(audioSource);
+  if (audioSource.empty() || IsPattern(audioSource)) return;
+  // The audio is read again from the start: a pipe cannot give it twice.
+  if (!Rereadable(audioSource)) {
+    m.note = "the input's audio is not written: a pipe can be read only once (give a file to keep it)";
+    return;
+  }
+  m.OpenAudioSource(audioSource);
 }
 
 Writer::~Writer() = default;

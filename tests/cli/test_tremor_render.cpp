@@ -367,6 +367,9 @@ TEST_F(TremorRender, WhatTheInputCarriesComesOut) {
   EXPECT_NE(r.err.find("the input's flac audio cannot go in .mp4: re-encoded as AAC"), std::string::npos) << r.err;
   EXPECT_EQ(Probe("stream=codec_name,color_primaries,color_transfer,color_space", dir / "hdr.mp4"),
             "h264,bt2020nc,smpte2084,bt2020\naac\n");
+  r = RunCli(dir, "- -o piped.mkv < hdr.mkv");  // standard input: its audio cannot be read a second time
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.err.find("the input's audio is not written: a pipe can be read only once"), std::string::npos);
   r = RunCli(dir, "hdr.mkv -o hdr.%02d.png");
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("cannot record the input's colour (primaries bt2020, transfer smpte2084)"), std::string::npos);
