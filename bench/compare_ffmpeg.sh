@@ -36,7 +36,7 @@ median() {  # "wall cpu": the medians of `repeat` runs
 
 # Like with like: each decodes the same clip and writes H.264 mp4 (libx264 at
 # its defaults for the filters, tremor-render's own mp4 settings).
-read -r t_render c_render < <(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mp4" --quiet --device "$device")
+read -r t_render c_render < <(median "$build/tremor-render" "$work/clip.mp4" -o "$work/out.mp4" -y --quiet --device "$device")
 read -r t_tmix c_tmix < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tmix=frames=10 -c:v libx264 \
   "$work/tmix.mp4")
 read -r t_tblend c_tblend < <(median ffmpeg -nostdin -v error -y -i "$work/clip.mp4" -vf tblend=all_mode=difference \

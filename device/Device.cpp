@@ -76,6 +76,9 @@ DeviceText ParseDeviceText(const std::string& text) {
 // PoCL lists no device at all when it cannot write its kernel cache: the
 // likelier cause then, and the way out.
 std::string WhyNoOpenCL() {
+#if defined(_WIN32)
+  return " (is an OpenCL driver installed?)";
+#else
   namespace fs = std::filesystem;
   const char* set = std::getenv("POCL_CACHE_DIR");
   const char* xdg = std::getenv("XDG_CACHE_HOME");
@@ -88,6 +91,7 @@ std::string WhyNoOpenCL() {
   while (!p.empty() && p != p.parent_path() && !fs::exists(p, ec)) p = p.parent_path();
   if (fs::is_directory(p, ec) && ::access(p.c_str(), W_OK) == 0) return " (is PoCL installed?)";
   return " (PoCL cannot write its kernel cache " + cache.string() + ": set POCL_CACHE_DIR to a writable folder)";
+#endif
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ color=c=0xf0c040:s=36x36:r=25[square];color=c=0x40c0f0:s=90x10:r=25[bar];\
 [a][bar]overlay=x=60:y='mod(70*t,270)':eval=frame:shortest=1,format=yuv420p" \
   -c:v libx264 -crf 16 "$sample"
 
-"$build/tremor-render" "$sample" -o "$out"
+"$build/tremor-render" "$sample" -o "$out" -y
 
 # Three moments, input left and output right.
 ffmpeg -v error -y -i "$sample" -i "$out" -filter_complex \

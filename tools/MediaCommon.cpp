@@ -42,28 +42,6 @@ struct FileId {
   bool operator<(const FileId& o) const { return device != o.device ? device < o.device : inode < o.inode; }
 };
 
-// The existing files of a pattern by their number: the files of its folder
-// whose name the pattern gives for a number written in that name.
-std::map<int64_t, std::string> PatternFiles(const std::string& pattern) {
-  std::map<int64_t, std::string> files;
-  const std::filesystem::path folder = std::filesystem::path(pattern).parent_path();
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
-    const std::string name = entry.path().filename().string();
-    for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
-      const size_t end = name.find_first_not_of("0123456789", at);
-      const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
-      const int64_t n = digits.size() <= 9 ? std::stoll(digits) : -1;
-      if (n >= 0 && (folder / name).string() == FrameName(pattern, n)) {
-        files.emplace(n, (folder / name).string());
-        break;
-      }
-      at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
-    }
-  }
-  return files;
-}
-
 // The paths of local files FFmpeg opens for `url`: "file:" and the protocols
 // that wrap other names (async:, cache:, subfile,...:, crypto:, concat:a|b,
 // concatf:list) lead to them; a network or pipe URL opens none.
@@ -157,6 +135,26 @@ std::string LocalOutputName(const std::string& output) {
   if (paths.size() != 1 || (output.rfind("file:", 0) != 0 && paths[0] != output))
     throw MediaError("output '" + output + "' must be a file name");
   return paths[0];
+}
+
+std::map<int64_t, std::string> PatternFiles(const std::string& pattern) {
+  std::map<int64_t, std::string> files;
+  const std::filesystem::path folder = std::filesystem::path(pattern).parent_path();
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    for (size_t at = name.find_first_of("0123456789"); at != std::string::npos;) {
+      const size_t end = name.find_first_not_of("0123456789", at);
+      const std::string digits = name.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      const int64_t n = digits.size() <= 9 ? std::stoll(digits) : -1;
+      if (n >= 0 && (folder / name).string() == FrameName(pattern, n)) {
+        files.emplace(n, (folder / name).string());
+        break;
+      }
+      at = end == std::string::npos ? end : name.find_first_of("0123456789", end);
+    }
+  }
+  return files;
 }
 
 std::string FileSharedByInputAndOutput(const std::string& input, const std::string& output) {

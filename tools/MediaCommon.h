@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -42,6 +43,9 @@ std::string AvError(int code);
 // A printf frame-number pattern such as "a.%04d.png".
 bool IsPattern(const std::string& path);
 std::string FrameName(const std::string& pattern, int64_t number);
+// The existing files of a pattern by their number: the files of its folder
+// whose name the pattern gives for a number written in that name.
+std::map<int64_t, std::string> PatternFiles(const std::string& pattern);
 
 FramePtr NewFrame(AVPixelFormat fmt, int w, int h);
 
@@ -60,13 +64,13 @@ bool Rereadable(const std::string& input);
 // some refuse only there, FLAC in .mp4 among them).
 bool MuxerTakes(const AVOutputFormat* muxer, const AVCodecParameters* par);
 
-// A source's audio as AAC, packets in TimeBase(), for a container that cannot
-// take its codec.
+// A source's audio re-encoded with `codec` at `rate` (0: the source's),
+// packets in TimeBase(): for a container that cannot take its codec, or -c:a.
 class AudioReencoder {
  public:
   using Sink = std::function<void(AVPacket*)>;
   // Fills `encoded` with the AAC stream's parameters. Throws MediaError.
-  AudioReencoder(const AVCodecParameters* source, AVCodecParameters* encoded);
+  AudioReencoder(const AVCodecParameters* source, const std::string& codec, int rate, AVCodecParameters* encoded);
   ~AudioReencoder();
   AVRational TimeBase() const;
   // A source packet, times in `timeBase`; encoded packets go to `sink`.

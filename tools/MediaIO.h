@@ -71,6 +71,14 @@ struct InputInfo {
   Colour colour;
 };
 
+// What the user asked of the encoders beyond the output format's row; empty
+// fields keep the row's choice.
+struct EncoderChoice {
+  std::string codec, pixelFormat, crf, preset, bitrate;  // video: -c:v, -pix_fmt, -crf, -preset, -b:v
+  bool noAudio = false;                                  // -an
+  std::string audioCodec;                                // -c:a; "copy" or "" copies where the container takes it
+};
+
 // A frame as the decoder gave it, not yet converted: Reader::Decode fills it
 // on one thread, Reader::Convert may turn it into a picture on another.
 class DecodedFrame {
@@ -102,6 +110,10 @@ class Reader {
   // threads at once (one each): Decode gives the next frame (false at the
   // end); a frame no one will look at need not be converted. Both throw as Next.
   bool Decode(DecodedFrame& frame);
+  // Before any Decode: skips to a key frame at or before frame k where the
+  // input allows, so a late range does not decode the clip from its start.
+  // Returns the index of the frame Decode gives next.
+  int64_t SeekBefore(int64_t k);
   void Convert(const DecodedFrame& frame, Picture& picture);
   // The same frame for the engine: values as Convert gives them, once
   // divided (v/255, v/65535) by whoever reads the integers.
@@ -133,7 +145,8 @@ class Writer {
   // Writes to `output` (for a video, at that exact path, which the caller makes
   // a temporary name; for a sequence, the pattern's files). Frame rate and
   // timing follow `info`; audio of `audioSource` is copied into video outputs.
-  Writer(const std::string& output, const OutputFormat& format, const InputInfo& info, const std::string& audioSource);
+  Writer(const std::string& output, const OutputFormat& format, const InputInfo& info, const std::string& audioSource,
+         const EncoderChoice& choice = {});
   ~Writer();
   // `frameNumber` is the input frame this picture belongs to: it names a
   // sequence's file (the pattern's number). A video frame is timed by the

@@ -62,7 +62,7 @@ void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out) {
         }
         break;
       case PixelLayout::PlanarU16:
-      case PixelLayout::YCbCr709:  // 16-bit planes that swscale converts from; alpha where there is a plane
+      case PixelLayout::Scaled:  // 16-bit planes that swscale converts from; alpha where there is a plane
         for (int c = 0; c < (out.data[3] ? 4 : 3); ++c) {
           uint16_t* row = Row<uint16_t>(out, kPlaneOf[c], y);
           for (int x = 0; x < w; ++x) row[x] = ToU16(in[4 * x + c]);

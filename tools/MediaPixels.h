@@ -23,7 +23,7 @@ void FloatPlanesToPicture(const AVFrame& f, bool gray, bool alpha, Picture& p);
 // Packed 8-bit RGBA (v/255) or native 16-bit RGBA64 (v/65535), appended as above.
 void PackedToPicture(const AVFrame& f, bool sixteen, Picture& p);
 
-// `p` into a frame of the layout's pixel format; for YCbCr709, into the 16-bit
+// `p` into a frame of the layout's pixel format; for Scaled, into the 16-bit
 // G, B, R, A planes that swscale converts from.
 void PictureToFrame(const Picture& p, PixelLayout layout, AVFrame& out);
 

@@ -72,6 +72,8 @@ struct Reader::Impl {
   void TurnUpright(uint8_t* pixels, size_t pixelBytes, int& width, int& height);
   void ConvertCompact(const AVFrame& f, CompactPicture& p, int64_t frame);
   bool Decode(AVFrame& out);
+  int64_t SeekBefore(int64_t k);
+  FramePtr pending;  // decoded while finding where a seek landed; Decode gives it first
 };
 
 void Reader::Impl::OpenDecoder(const std::string& input) {
@@ -278,6 +280,39 @@ bool Reader::Decode(DecodedFrame& frame) {
   return impl_->Decode(*frame.impl_->frame);
 }
 
+int64_t Reader::SeekBefore(int64_t k) { return impl_->SeekBefore(k); }
+
+// To the key frame at or before frame k, where the frame it lands on can be
+// told by its time on the frame rate's grid; else (variable rate, no index)
+// decoding goes on from where it is.
+int64_t Reader::Impl::SeekBefore(int64_t k) {
+  if (k <= 0 || index != 0 || flushed) return index;
+  const AVStream* st = fmt->streams[stream];
+  const int64_t start = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
+  const AVRational frameTime = av_inv_q(AVRational{info.frameRate.num, info.frameRate.den});
+  if (av_seek_frame(fmt.get(), stream, start + av_rescale_q(k, frameTime, st->time_base), AVSEEK_FLAG_BACKWARD) < 0)
+    return index;
+  avcodec_flush_buffers(dec.get());
+  FramePtr first(av_frame_alloc());
+  const bool got = Decode(*first);
+  index = 0;
+  const double at =
+      got && first->best_effort_timestamp != AV_NOPTS_VALUE
+          ? static_cast<double>(first->best_effort_timestamp - start) * av_q2d(st->time_base) / av_q2d(frameTime)
+          : -1;
+  const int64_t landed = std::llround(at);
+  if (got && landed >= 0 && landed <= k && std::abs(at - landed) < 0.05) {
+    pending = std::move(first);
+    index = landed;
+    return index;
+  }
+  // Not on the grid: from the start, as without a seek.
+  av_seek_frame(fmt.get(), stream, start, AVSEEK_FLAG_BACKWARD);
+  avcodec_flush_buffers(dec.get());
+  flushed = false;
+  return index;
+}
+
 void Reader::Convert(const DecodedFrame& frame, Picture& picture) {
   impl_->Convert(*frame.impl_->frame, picture, frame.impl_->index);
 }
@@ -288,6 +323,12 @@ void Reader::ConvertCompact(const DecodedFrame& frame, CompactPicture& picture) 
 
 bool Reader::Impl::Decode(AVFrame& out) {
   av_frame_unref(&out);
+  if (pending) {
+    av_frame_move_ref(&out, pending.get());
+    pending.reset();
+    ++index;
+    return true;
+  }
   for (;;) {
     int r = avcodec_receive_frame(dec.get(), &out);
     if (r == 0) {

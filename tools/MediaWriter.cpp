@@ -60,7 +60,10 @@ const OutputFormat& OutputFormatFor(const std::string& output) {
 
 struct Writer::Impl {
   std::string output;
-  const OutputFormat* format = nullptr;
+  const OutputFormat* format = nullptr;  // &chosen
+  OutputFormat chosen{};                 // the row with the user's encoder choices
+  EncoderChoice choice;
+  std::string codecName, pixelName, options;  // what `chosen` points to
   AVRational rate{25, 1};
   CodecPtr enc;
   AVFormatContext* mux = nullptr;  // videos only
@@ -98,6 +101,7 @@ struct Writer::Impl {
       avformat_free_context(mux);
     }
   }
+  void Choose(const OutputFormat& row, const EncoderChoice& c);
   void OpenAudioSource(const std::string& source);
   void OpenEncoder(int w, int h);
   void OpenColourConversion(int w, int h);
@@ -127,19 +131,21 @@ void CheckSequenceCarries(const Colour& c, const std::string& output) {
 
 }  // namespace
 
-Writer::Writer(const std::string& output, const OutputFormat& format, const InputInfo& info,
-               const std::string& audioSource)
+Writer::Writer(const std::string& output, const OutputFormat& row, const InputInfo& info,
+               const std::string& audioSource, const EncoderChoice& choice)
     : impl_(new Impl) {
   Impl& m = *impl_;
   m.output = output;
-  m.format = &format;
+  m.Choose(row, choice);
+  const OutputFormat& format = *m.format;
   if (info.frameRate.num > 0 && info.frameRate.den > 0) m.rate = AVRational{info.frameRate.num, info.frameRate.den};
   m.inputTimeBase = AVRational{info.timeBase.num, info.timeBase.den};
   m.firstNumber = info.firstNumber;
   m.colour = info.colour;
   if (format.sequence) {
     CheckSequenceCarries(info.colour, output);
-    if (!audioSource.empty()) m.note = "the input's audio is not written: an image sequence holds pictures only";
+    if (!audioSource.empty() && !choice.noAudio)
+      m.note = "the input's audio is not written: an image sequence holds pictures only";
     return;
   }
   const int r = avformat_alloc_output_context2(&m.mux, nullptr, format.muxer, output.c_str());
@@ -147,7 +153,7 @@ Writer::Writer(const std::string& output, const OutputFormat& format, const Inpu
   // The same render gives the same file: no random ids (Matroska's segment
   // id) and no library version in the container.
   m.mux->flags |= AVFMT_FLAG_BITEXACT;
-  if (audioSource.empty() || IsPattern(audioSource)) return;
+  if (audioSource.empty() || IsPattern(audioSource) || choice.noAudio) return;
   // The audio is read again from the start: a pipe cannot give it twice.
   if (!Rereadable(audioSource)) {
     m.note = "the input's audio is not written: a pipe can be read only once (give a file to keep it)";
@@ -167,13 +173,54 @@ void Writer::Impl::OpenAudioSource(const std::string& source) {
   }
   audioInIndex = a;
   const AVCodecParameters* par = audioIn->streams[a]->codecpar;
-  if (MuxerTakes(mux->oformat, par)) return;
-  // PCM in .mp4, FLAC in .mp4 or Opus in .mov: AAC, which they all take.
+  const bool copy = choice.audioCodec.empty() || choice.audioCodec == "copy";
+  if (copy && MuxerTakes(mux->oformat, par)) return;
+  // PCM in .mp4, FLAC in .mp4 or Opus in .mov: the container's usual codec.
+  const std::string codec = copy ? format->audioCodec : choice.audioCodec;
   reencoded = avcodec_parameters_alloc();
-  reencoder = std::make_unique<AudioReencoder>(par, reencoded);
+  reencoder = std::make_unique<AudioReencoder>(par, codec, copy ? format->audioRate : 0, reencoded);
   const AVCodecDescriptor* d = avcodec_descriptor_get(par->codec_id);
-  note = std::string("the input's ") + (d ? d->name : "audio") + " audio cannot go in " + format->extension +
-         ": re-encoded as AAC";
+  if (copy)
+    note = std::string("the input's ") + (d ? d->name : "audio") + " audio cannot go in " + format->extension +
+           ": re-encoded as " + codec;
+}
+
+// The row, with the codec, pixel format and options the user chose.
+void Writer::Impl::Choose(const OutputFormat& row, const EncoderChoice& c) {
+  chosen = row;
+  choice = c;
+  format = &chosen;
+  if (!c.codec.empty() && c.codec != row.codec) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(c.codec.c_str());
+    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO) throw MediaError("this FFmpeg has no video encoder " + c.codec);
+    if (row.muxer &&
+        avformat_query_codec(av_guess_format(row.muxer, nullptr, nullptr), codec->id, FF_COMPLIANCE_NORMAL) == 0)
+      throw MediaError(std::string(row.extension) + " cannot hold " + c.codec + " video (-c:v)");
+    codecName = c.codec;
+    chosen.codec = chosen.description = codecName.c_str();
+    // The row's options are for its own encoder; x265 prints a log of its own unless told.
+    chosen.codecOptions = c.codec == "libx265" ? "x265-params=log-level=error" : "";
+    // The row's pixel format where the encoder takes it, else the nearest to 16-bit RGBA.
+    const AVPixelFormat rowFormat = av_get_pix_fmt(row.pixelFormat);
+    bool takes = !codec->pix_fmts;
+    for (const AVPixelFormat* f = codec->pix_fmts; f && *f != AV_PIX_FMT_NONE; ++f) takes |= *f == rowFormat;
+    if (!takes)
+      pixelName =
+          av_get_pix_fmt_name(avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_RGBA64, 1, nullptr));
+  }
+  if (!c.pixelFormat.empty()) {
+    if (av_get_pix_fmt(c.pixelFormat.c_str()) == AV_PIX_FMT_NONE)
+      throw MediaError("this FFmpeg has no pixel format " + c.pixelFormat);
+    pixelName = c.pixelFormat;
+  }
+  if (!pixelName.empty() && pixelName != row.pixelFormat) {
+    chosen.pixelFormat = pixelName.c_str();
+    chosen.layout = PixelLayout::Scaled;
+  }
+  options = chosen.codecOptions;
+  for (const auto& [key, value] : {std::pair{"crf", c.crf}, {"preset", c.preset}, {"b", c.bitrate}})
+    if (!value.empty()) options += (options.empty() ? "" : ":") + std::string(key) + "=" + value;
+  chosen.codecOptions = options.c_str();
 }
 
 void Writer::Impl::OpenEncoder(int w, int h) {
@@ -195,7 +242,7 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   if (!f.sequence) {
     // The input's primaries, transfer, matrix and range, BT.709 limited range
     // where it does not say: the code values pass through unchanged.
-    const bool yCbCr = f.layout == PixelLayout::YCbCr709;
+    const bool yCbCr = !(desc->flags & AV_PIX_FMT_FLAG_RGB) && desc->nb_components >= 3;
     auto given = [](int v, int fallback) { return v == AVCOL_PRI_UNSPECIFIED || v <= 0 ? fallback : v; };
     enc->color_primaries = static_cast<AVColorPrimaries>(given(colour.primaries, yCbCr ? AVCOL_PRI_BT709 : 2));
     enc->color_trc = static_cast<AVColorTransferCharacteristic>(given(colour.transfer, yCbCr ? AVCOL_TRC_BT709 : 2));
@@ -211,10 +258,18 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   AVDictionary* opts = nullptr;
   av_dict_parse_string(&opts, f.codecOptions, "=", ":", 0);
   const int r = avcodec_open2(enc.get(), codec, &opts);
+  // An option the encoder does not have would otherwise be dropped without a word.
+  const AVDictionaryEntry* unused = av_dict_get(opts, "", nullptr, AV_DICT_IGNORE_SUFFIX);
+  const std::string unknown = unused ? unused->key : "";
   av_dict_free(&opts);
+  if (r >= 0 && !unknown.empty())
+    throw MediaError("'" + output + "': the " + f.codec + " encoder has no option " + unknown);
+  const bool asked = !(choice.crf + choice.preset + choice.bitrate + choice.pixelFormat).empty();
   if (r < 0)
     throw MediaError("'" + output + "': " + f.description + " cannot encode " + std::to_string(w) + "x" +
-                     std::to_string(h) + " pictures (FFmpeg's " + f.codec + ": " + AvError(r) + ")");
+                     std::to_string(h) + " pictures" +
+                     (asked ? " with the -crf, -preset, -b:v or -pix_fmt given" : "") + " (FFmpeg's " + f.codec + ": " +
+                     AvError(r) + ")");
 
   frame = NewFrame(encFmt, w, h);
   // Some encoders (ProRes) tag from the frame, not the context.
@@ -222,13 +277,13 @@ void Writer::Impl::OpenEncoder(int w, int h) {
   frame->color_trc = enc->color_trc;
   frame->colorspace = enc->colorspace;
   frame->color_range = enc->color_range;
-  if (f.layout == PixelLayout::YCbCr709) OpenColourConversion(w, h);
+  if (f.layout == PixelLayout::Scaled) OpenColourConversion(w, h);
   if (mux) OpenFile();
 }
 
-// 16-bit full-range R'G'B' to the encoder's BT.709 limited-range Y'CbCr. The
-// 16-bit values go in planes: swscale converts those several times quicker
-// than packed RGBA64.
+// 16-bit full-range R'G'B' to the encoder's format: Y'CbCr in the matrix and
+// range chosen above. The 16-bit values go in planes: swscale converts those
+// several times quicker than packed RGBA64.
 void Writer::Impl::OpenColourConversion(int w, int h) {
   // Alpha only where the encoder keeps it: a quarter less to write and convert.
   const bool alpha = (av_pix_fmt_desc_get(enc->pix_fmt)->flags & AV_PIX_FMT_FLAG_ALPHA) != 0;
@@ -237,8 +292,10 @@ void Writer::Impl::OpenColourConversion(int w, int h) {
   sws = NewScaler(w, h, planes, enc->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP | SWS_BITEXACT);
   if (!sws) throw MediaError("cannot convert to " + std::string(av_get_pix_fmt_name(enc->pix_fmt)));
   // swscale numbers its matrices as AVColorSpace does.
-  const int* matrix = sws_getCoefficients(enc->colorspace);
-  sws_setColorspaceDetails(sws.get(), matrix, 1, matrix, enc->color_range == AVCOL_RANGE_JPEG, 0, 1 << 16, 1 << 16);
+  if (enc->colorspace != AVCOL_SPC_RGB) {
+    const int* matrix = sws_getCoefficients(enc->colorspace);
+    sws_setColorspaceDetails(sws.get(), matrix, 1, matrix, enc->color_range == AVCOL_RANGE_JPEG, 0, 1 << 16, 1 << 16);
+  }
 }
 
 // The video's streams and header: audio starts where the first written frame sits.

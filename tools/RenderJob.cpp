@@ -26,7 +26,12 @@
 #include <filesystem>
 #include <system_error>
 
+extern "C" {
+#include <libavutil/parseutils.h>
+}
+
 #include "Engine.h"
+#include "MediaCommon.h"
 #include "FramePipeline.h"
 #include "MediaIO.h"
 #include "OutputStaging.h"
@@ -375,6 +380,66 @@ const media::OutputFormat& CheckCommand(const Options& o) {
 
 namespace {
 
+// Microseconds in `text`: seconds or [HH:]MM:SS[.ms]; 0 for none.
+int64_t Micros(const std::string& text, const char* flag) {
+  int64_t us = 0;
+  if (!text.empty() && (av_parse_time(&us, text.c_str(), 1) < 0 || us < 0))
+    throw Failure(std::string(flag) + " " + text + " is not a time (seconds, or [HH:]MM:SS[.ms])");
+  return us;
+}
+
+// The first frame at or after `us`, at the clip's frame rate.
+int64_t FrameAt(int64_t us, const media::InputInfo& info) {
+  const double fps = static_cast<double>(info.frameRate.num) / info.frameRate.den;
+  return static_cast<int64_t>(std::ceil(us / 1e6 * fps - 1e-6));
+}
+
+}  // namespace
+
+Options ResolveRange(const Options& given, const media::InputInfo& info) {
+  Options o = given;
+  const int64_t first = info.isSequence ? info.firstNumber : 0;
+  const std::string unit = info.isSequence ? "file" : "frame";
+  if (o.start >= 0 && o.start < first)
+    throw Failure("--start " + std::to_string(o.start) + " is before the sequence's first file (" +
+                  std::to_string(first) + ")");
+  o.start = o.start >= 0 ? o.start - first : 0;
+  if (o.end >= 0) o.end = std::max<int64_t>(o.end - first, -2);  // -2: before the clip, nothing to render
+  const int64_t seek = Micros(given.seek, "-ss");
+  if (!given.seek.empty()) o.start = FrameAt(seek, info);
+  if (!given.duration.empty()) o.end = FrameAt(seek + Micros(given.duration, "-t"), info) - 1;
+  if (!given.until.empty()) o.end = FrameAt(Micros(given.until, "-to"), info) - 1;
+  if (info.frameCount >= 0 && o.start >= info.frameCount)
+    throw Failure((given.seek.empty() ? "--start " + std::to_string(o.start + first) : "-ss " + given.seek) +
+                  " is past the clip's last " + unit + " (" + std::to_string(info.frameCount - 1 + first) + ")");
+  if (o.end != -1 && o.end < o.start) throw Failure("the range holds no frame of the clip");
+  return o;
+}
+
+void CheckOverwrite(const Options& o, const media::InputInfo& info) {
+  if (o.overwrite) return;
+  std::vector<std::string> written;
+  if (o.format != "null") {
+    if (!media::IsPattern(o.output)) {
+      written.push_back(o.output);
+    } else {
+      const int64_t first = info.firstNumber + o.start;
+      const int64_t last = o.end >= 0 ? info.firstNumber + o.end : INT64_MAX;
+      for (const auto& [n, file] : media::PatternFiles(o.output))
+        if (n >= first && n <= last) written.push_back(file);
+    }
+  }
+  if (!o.uiSnapshot.empty()) written.push_back(o.uiSnapshot);
+  for (const std::string& file : written) {
+    std::error_code ec;
+    if (!fs::exists(file, ec)) continue;
+    throw Failure(o.keep ? "'" + file + "' exists; kept (-n)"
+                         : "'" + file + "' exists: give -y to replace it, or -n to keep it");
+  }
+}
+
+namespace {
+
 std::string PastTheEnd(int64_t start, int64_t lastFrame) {
   return "--start " + std::to_string(start) + " is past the clip's last frame (" + std::to_string(lastFrame) + ")";
 }
@@ -590,12 +655,22 @@ void Summary(const Options& o, const Progress& progress, int64_t done, const std
 
 // The render on the engine: the module only lends its controls (and draws
 // the UI snapshot); frames go straight from the clip to the device.
-int RunEngine(aehost::AeHost& host, const Options& o) {
-  const bool null = o.format == "null";
-  const media::OutputFormat* format = null ? nullptr : &CheckCommand(o);
-  media::Reader reader(o.input);
+// What a chunk's stacks read before its first frame, for whoever splits a
+// render: the frames it needs, in the clip's numbers, and the pre-roll.
+int PrintReach(aehost::AeHost& host, const Options& o, const media::InputInfo& info) {
+  const engine::Settings settings = EngineSettings(host, o);
+  const int64_t first = FirstNeeded(o.start, settings.controls, settings.offset);
+  const int64_t number = info.isSequence ? info.firstNumber : 0;
+  const double fps = static_cast<double>(info.frameRate.num) / info.frameRate.den;
+  std::printf("first %lld\nneeded-from %lld\npre-roll-frames %lld\npre-roll-seconds %.6f\n",
+              static_cast<long long>(o.start + number), static_cast<long long>(first + number),
+              static_cast<long long>(o.start - first), (o.start - first) / fps);
+  return 0;
+}
+
+int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, const media::OutputFormat* format) {
+  const bool null = format == nullptr;
   const media::InputInfo info = reader.Info();
-  if (info.frameCount >= 0 && o.start >= info.frameCount) throw Failure(PastTheEnd(o.start, info.frameCount - 1));
   const engine::Settings settings = EngineSettings(host, o);
   const std::string deviceText = ResolveDevice(o.device).device;
   engine::OpenedDevice device(deviceText);
@@ -610,7 +685,7 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
     std::unique_ptr<media::Writer> writer;
     if (!null)
       writer = std::make_unique<media::Writer>(staging->WriterTarget().string(), *format, info,
-                                               info.hasAudio ? o.input : std::string());
+                                               info.hasAudio ? o.input : std::string(), o.encoder);
     Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
     const auto queued = static_cast<size_t>(std::max(2, o.jobs));
     SparePixels spares(queued * 2);
@@ -737,12 +812,15 @@ int64_t RenderOnHost(ClipHost& clip, Feed& feed, FrameSink& sink, const HostPlan
 
 }  // namespace
 
-int Run(aehost::AeHost& host, const Options& o) {
-  if (o.host == "engine") return RunEngine(host, o);
-  const media::OutputFormat& format = CheckCommand(o);
-  media::Reader reader(o.input);
+int Run(aehost::AeHost& host, const Options& given) {
+  const media::OutputFormat* chosen = given.format == "null" ? nullptr : &CheckCommand(given);
+  media::Reader reader(given.input);
   const media::InputInfo info = reader.Info();
-  if (info.frameCount >= 0 && o.start >= info.frameCount) throw Failure(PastTheEnd(o.start, info.frameCount - 1));
+  const Options o = ResolveRange(given, info);
+  if (o.printReach) return PrintReach(host, o, info);
+  CheckOverwrite(o, info);
+  if (o.host == "engine") return RunEngine(host, o, reader, chosen);
+  const media::OutputFormat& format = *chosen;
   ClipHost clip;
   const std::string deviceName = SetUpEffect(clip, host, o);
 
@@ -756,7 +834,7 @@ int Run(aehost::AeHost& host, const Options& o) {
   if (!o.uiSnapshot.empty()) snapshot = std::make_unique<Staging>(o.uiSnapshot, false);
   try {
     auto writer = std::make_unique<media::Writer>(staging.WriterTarget().string(), format, info,
-                                                  info.hasAudio ? o.input : std::string());
+                                                  info.hasAudio ? o.input : std::string(), o.encoder);
     Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
 
     // A batch of renders waits on neither side: `jobs` frames queued each way.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "AeHost.h"
+#include "MediaIO.h"
 #include "OutputFormats.h"
 #include "TremorDistiller_Parameters.h"  // the Disk IDs
 
@@ -32,16 +33,27 @@ struct Options {
   std::vector<std::pair<ParamDiskId, double>> effect;
   std::string device = "auto";
   bool listDevices = false, version = false, quiet = false;
-  int64_t start = 0, end = -1;
+  int64_t start = -1, end = -1;  // as typed; -1: not given (ResolveRange makes them 0-based frames)
   int jobs = 1;
   // "engine" (our own, the default), or a module path through a stand-in
   // host: "aftereffects", or "premiere" in "float" (128-bit) or "half" frames.
   std::string host = "engine", precision = "float";
   std::string outputArgument;  // an output given after INPUT, FFmpeg's way
+  std::string inputOption;     // -i INPUT: then a lone positional is the output
   std::string format;          // -f: "null" renders and discards, else by the output's extension
   uint64_t memory = 0;         // bytes the input frames may take; 0: three quarters of what is available
   std::string uiSnapshot;      // a PNG of the effect's custom UI after the render; "" for none
+  // FFmpeg's habits. Existing outputs: replaced with -y, kept with -n, else the run stops.
+  bool overwrite = false, keep = false;
+  bool printReach = false;            // print what --start's stacks read before it, and stop
+  std::string seek, duration, until;  // -ss, -t, -to: seconds or [HH:]MM:SS[.ms]
+  media::EncoderChoice encoder;       // -c:v, -crf, -preset, -pix_fmt, -b:v, -an, -c:a
 };
+
+// `o` with its range as output frames (0-based) of `info`'s clip: a
+// sequence's --start and --end are file numbers, -ss, -t and -to times.
+// Throws Failure for a range outside the clip.
+Options ResolveRange(const Options& o, const media::InputInfo& info);
 
 // Where the module writes its log: its folder under the temporary directory,
 // which the module finds the same way.

@@ -89,6 +89,53 @@ void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInp
   }
 }
 
+namespace {
+
+// FFmpeg's names with more than one letter after a single dash (or a colon)
+// are not options to CLI11: they are read as these.
+constexpr std::pair<const char*, const char*> kFfmpegSpellings[] = {
+    {"-ss", "--ss"},         {"-to", "--to"},   {"-c:v", "--vcodec"},    {"-codec:v", "--vcodec"},
+    {"-vcodec", "--vcodec"}, {"-crf", "--crf"}, {"-preset", "--preset"}, {"-pix_fmt", "--pix_fmt"},
+    {"-b:v", "--vb"},        {"-an", "--an"},   {"-c:a", "--acodec"},    {"-codec:a", "--acodec"},
+    {"-acodec", "--acodec"},
+};
+
+void AddFfmpegOptions(CLI::App& app, Options& o) {
+  const char* group = "Output (FFmpeg's options, as FFmpeg spells them)";
+  auto add = [&](const char* name, std::string& value, const char* help, const char* type) {
+    app.add_option(name, value, help)->type_name(type)->group(group);
+  };
+  app.add_option("-i", o.inputOption, "The input, as INPUT (then a name after it is the output)")
+      ->type_name("INPUT")
+      ->group(group);
+  app.add_flag("-y", o.overwrite, "Replace output files that exist (without -y or -n, the run stops)")->group(group);
+  app.add_flag("-n", o.keep, "Keep output files that exist, and stop")->group(group);
+  add("--ss", o.seek, "-ss: start at this time of the input, in seconds or [HH:]MM:SS[.ms]", "TIME");
+  add("-t", o.duration, "-t: render this long", "TIME");
+  add("--to", o.until, "-to: stop before this time of the input", "TIME");
+  add("--vcodec", o.encoder.codec, "-c:v: video encoder (default: the extension's)", "CODEC");
+  add("--crf", o.encoder.crf, "-crf: the encoder's constant quality", "N");
+  add("--preset", o.encoder.preset, "-preset: the encoder's speed preset", "NAME");
+  add("--pix_fmt", o.encoder.pixelFormat, "-pix_fmt: the encoder's pixel format", "FORMAT");
+  add("--vb", o.encoder.bitrate, "-b:v: video bit rate, e.g. 8M", "RATE");
+  app.add_flag("--an", o.encoder.noAudio, "-an: no audio")->group(group);
+  add("--acodec", o.encoder.audioCodec,
+      "-c:a: audio encoder, or copy (the default where the container takes the input's audio; else its usual codec)",
+      "CODEC");
+}
+
+}  // namespace
+
+std::vector<std::string> ReadFfmpegSpellings(int argc, char** argv) {
+  std::vector<std::string> args(argv, argv + argc);
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i] == "--") break;
+    for (const auto& [ffmpeg, ours] : kFfmpegSpellings)
+      if (args[i] == ffmpeg) args[i] = ours;
+  }
+  return args;
+}
+
 void AddRunOptions(CLI::App& app, Options& o) {
   app.add_option("INPUT", o.input, "Video file, or an image sequence pattern such as shots/a.%04d.png");
   const std::string outputs = "Output, by extension: " + media::ExtensionList(false, ", ", true) +
@@ -99,6 +146,7 @@ void AddRunOptions(CLI::App& app, Options& o) {
   app.add_option("-f", o.format, "Output format: null renders and discards every frame")
       ->check(CLI::IsMember({"null"}))
       ->type_name("FORMAT");
+  AddFfmpegOptions(app, o);
 
   app.add_option("--device", o.device,
                  "auto, opencl[:PLATFORM.DEVICE], cuda[:N], or reference (the CPU reference, on the engine)")
@@ -107,8 +155,13 @@ void AddRunOptions(CLI::App& app, Options& o) {
   app.add_flag("--list-devices", o.listDevices, "List devices and exit")->group("Run");
   // Frame numbers as a clip can have them; also keeps batch ends from overflowing.
   const CLI::Range frame(int64_t{0}, int64_t{std::numeric_limits<int32_t>::max()});
-  app.add_option("--start", o.start, "First output frame (0-based)")->check(frame)->group("Run");
-  app.add_option("--end", o.end, "Last output frame, inclusive")->check(frame)->group("Run");
+  app.add_option("--start", o.start, "First output frame: 0-based for a video, the file number for a sequence")
+      ->check(frame)
+      ->group("Run");
+  app.add_option("--end", o.end, "Last output frame, inclusive, counted as --start")->check(frame)->group("Run");
+  app.add_flag("--print-reach", o.printReach,
+               "Print the frames --start's stacks read before it (a chunk's pre-roll) and stop; renders nothing")
+      ->group("Run");
   app.add_option("--jobs", o.jobs, "Frames rendered at once")
       ->check(CLI::Range(1, 64))
       ->capture_default_str()

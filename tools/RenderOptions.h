@@ -28,6 +28,10 @@ void AddEffectOptions(CLI::App& app, aehost::AeHost& host, std::vector<EffectInp
 // INPUT, -o and the run options, into `o`.
 void AddRunOptions(CLI::App& app, Options& o);
 
+// The command line with FFmpeg's multi-letter single-dash options (-ss, -c:v,
+// -pix_fmt, ...) in the spelling AddRunOptions registers.
+std::vector<std::string> ReadFfmpegSpellings(int argc, char** argv);
+
 // The controls the user gave, as host values; popups count from 1.
 std::vector<std::pair<ParamDiskId, double>> GivenEffectValues(const std::vector<EffectInput>& in);
 

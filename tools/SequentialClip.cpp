@@ -26,6 +26,7 @@ void ToSource(media::CompactPicture&& from, engine::SourcePicture& to) {
 SequentialClip::SequentialClip(media::Reader& reader, int64_t from, size_t ahead)
     : reader_(reader), from_(std::max<int64_t>(0, from)), ahead_(std::max<size_t>(1, ahead)) {
   convertNext_ = from_;
+  decodedUpTo_ = reader_.SeekBefore(from_);
   decoder_ = std::thread([this] { DecodeLoop(); });
   converter_ = std::thread([this] { ConvertLoop(); });
 }

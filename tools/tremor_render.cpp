@@ -41,6 +41,12 @@ int Fail(const std::string& message, int code = 1) {
 // The output as given after -o or after INPUT, FFmpeg's way; "" when it is
 // usable, else why not.
 std::string SettleOutput(render::Options& o) {
+  if (o.printReach && o.output.empty() && o.outputArgument.empty() && o.inputOption.empty()) o.format = "null";
+  if (!o.inputOption.empty()) {
+    if (!o.outputArgument.empty()) return "two inputs given: -i " + o.inputOption + " and " + o.input;
+    o.outputArgument = o.input;
+    o.input = o.inputOption;
+  }
   if (!o.outputArgument.empty()) {
     if (!o.output.empty() && o.output != o.outputArgument)
       return "two outputs given: -o " + o.output + " and " + o.outputArgument;
@@ -132,7 +138,10 @@ int main(int argc, char** argv) {
   }
   render::AddRunOptions(app, o);
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> args = render::ReadFfmpegSpellings(argc, argv);
+    std::vector<char*> spelled;
+    for (std::string& a : args) spelled.push_back(a.data());
+    app.parse(static_cast<int>(spelled.size()), spelled.data());
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
@@ -155,6 +164,10 @@ int main(int argc, char** argv) {
   }
   if (const std::string why = SettleOutput(o); !why.empty()) return Fail(why, 2);
   if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
+  if (o.overwrite && o.keep) return Fail("-y and -n say opposite things: give one", 2);
+  if ((o.start >= 0 || o.end >= 0) && !(o.seek.empty() && o.duration.empty() && o.until.empty()))
+    return Fail("give the range in frames (--start, --end) or in time (-ss, -t, -to), not both", 2);
+  if (!o.duration.empty() && !o.until.empty()) return Fail("-t and -to both end the render: give one", 2);
   // After Effects hands the effect 128-bit frames only.
   if (o.precision != "float" && o.host != "premiere") return Fail("--precision half needs --host premiere", 2);
   try {
