@@ -51,7 +51,10 @@ struct Reader::Impl {
   std::vector<uint8_t> unturned;
 
   [[noreturn]] void Corrupt(int64_t frame) const {
-    throw MediaError("corrupt frame " + std::to_string(info.firstNumber + frame) + " in '" + name + "'");
+    // Streamed, an .mp4 or .mov whose index comes last has no frame 0 to give.
+    const bool piped = frame == 0 && !Rereadable(name);
+    throw MediaError("corrupt frame " + std::to_string(info.firstNumber + frame) + " in '" + name + "'" +
+                     (piped ? " (a clip whose index comes last cannot be read from a pipe: give a file)" : ""));
   }
   void OpenDecoder(const std::string& input);
   void ReadInfo(bool sequence);
