@@ -357,7 +357,9 @@ void RenderFrames(ClipHost& host, int64_t first, int64_t last, int jobs, Feed& f
 }  // namespace
 
 const media::OutputFormat& CheckCommand(const Options& o) {
-  const media::OutputFormat& format = media::OutputFormatFor(o.output);
+  const bool toStdout = o.output == "-";
+  const media::OutputFormat& format = media::OutputFormatFor(toStdout ? "standard-output." + o.format : o.output);
+  if (toStdout) return format;
   if (format.sequence) {
     // FFmpeg writes at most 19 digits of a frame number.
     std::smatch width;
@@ -419,7 +421,7 @@ Options ResolveRange(const Options& given, const media::InputInfo& info) {
 void CheckOverwrite(const Options& o, const media::InputInfo& info) {
   if (o.overwrite) return;
   std::vector<std::string> written;
-  if (o.format != "null") {
+  if (o.output != "-") {
     if (!media::IsPattern(o.output)) {
       written.push_back(o.output);
     } else {
@@ -679,12 +681,13 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
   last = std::min(last, kLastStackFrame);
 
   std::unique_ptr<Staging> staging, snapshot;
-  if (!null) staging = std::make_unique<Staging>(o.output, format->sequence);
+  const bool toStdout = !null && o.output == "-";  // streamed: nothing to stage or publish
+  if (!null && !toStdout) staging = std::make_unique<Staging>(o.output, format->sequence);
   if (!o.uiSnapshot.empty()) snapshot = std::make_unique<Staging>(o.uiSnapshot, false);
   try {
     std::unique_ptr<media::Writer> writer;
     if (!null)
-      writer = std::make_unique<media::Writer>(staging->WriterTarget().string(), *format, info,
+      writer = std::make_unique<media::Writer>(toStdout ? "pipe:1" : staging->WriterTarget().string(), *format, info,
                                                info.hasAudio ? o.input : std::string(), o.encoder);
     Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
     const auto queued = static_cast<size_t>(std::max(2, o.jobs));
@@ -814,6 +817,8 @@ int64_t RenderOnHost(ClipHost& clip, Feed& feed, FrameSink& sink, const HostPlan
 
 int Run(aehost::AeHost& host, const Options& given) {
   const media::OutputFormat* chosen = given.format == "null" ? nullptr : &CheckCommand(given);
+  if (given.output == "-" && given.format != "null" && given.host != "engine")
+    throw Failure("standard output is written on the engine only");
   media::Reader reader(given.input);
   const media::InputInfo info = reader.Info();
   const Options o = ResolveRange(given, info);

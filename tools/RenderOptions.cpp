@@ -143,8 +143,13 @@ void AddRunOptions(CLI::App& app, Options& o) {
   app.add_option("-o", o.output, outputs)->type_name("OUTPUT");
   // FFmpeg's spelling for timing a render without an encoder: -f null -
   app.add_option("OUTPUT", o.outputArgument, "The output, as after -o; '-' with -f null")->type_name("");
-  app.add_option("-f", o.format, "Output format: null renders and discards every frame")
-      ->check(CLI::IsMember({"null"}))
+  std::vector<std::string> formats{"null"};
+  for (const auto& f : media::kOutputFormats)
+    if (!f.sequence) formats.emplace_back(f.extension + 1);
+  app.add_option("-f", o.format,
+                 "Output format: null renders and discards every frame; mkv, webm (or another extension) with "
+                 "'-' writes to standard output")
+      ->check(CLI::IsMember(formats))
       ->type_name("FORMAT");
   AddFfmpegOptions(app, o);
 

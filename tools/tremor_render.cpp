@@ -57,6 +57,10 @@ std::string SettleOutput(render::Options& o) {
     if (o.output != "-") return "-f null writes nothing: give '-' as its output";
     if (o.host != "engine") return "-f null renders on the engine only";
   }
+  if (!o.format.empty() && o.format != "null") {
+    if (o.output != "-") return "-f " + o.format + " is for '-' (standard output): a file's extension names its format";
+    if (o.host != "engine") return "standard output is written on the engine only";
+  }
   if (o.input.empty() || o.output.empty()) return "INPUT and -o OUTPUT are required (see --help)";
   if (o.input == "-") o.input = "pipe:0";  // FFmpeg's spelling of standard input
   // No host hands the module the CPU reference.
@@ -69,13 +73,13 @@ std::string SettleOutput(render::Options& o) {
 // folder, or over one another. "" when all is well, else why not.
 std::string CheckWrittenFiles(render::Options& o) {
   try {
-    if (o.format != "null") o.output = media::LocalOutputName(o.output);
+    if (o.format.empty()) o.output = media::LocalOutputName(o.output);
     if (!o.uiSnapshot.empty()) o.uiSnapshot = media::LocalOutputName(o.uiSnapshot);
   } catch (const std::exception& e) {
     return e.what();
   }
   namespace fs = std::filesystem;
-  const std::vector<std::pair<std::string, std::string>> written = {{o.format == "null" ? "" : o.output, "output"},
+  const std::vector<std::pair<std::string, std::string>> written = {{o.format.empty() ? o.output : "", "output"},
                                                                     {o.uiSnapshot, "--ui-snapshot"}};
   for (const auto& [path, what] : written) {
     if (path.empty()) continue;
@@ -86,7 +90,7 @@ std::string CheckWrittenFiles(render::Options& o) {
     std::error_code ec;
     if (!media::IsPattern(path) && fs::is_directory(path, ec)) return what + " '" + path + "' is a folder";
   }
-  if (o.uiSnapshot.empty() || o.format == "null") return "";
+  if (o.uiSnapshot.empty() || !o.format.empty()) return "";
   std::error_code ec;
   if (media::IsPattern(o.output) ? media::IsFrameOf(o.output, o.uiSnapshot)
                                  : fs::weakly_canonical(o.output, ec) == fs::weakly_canonical(o.uiSnapshot, ec))

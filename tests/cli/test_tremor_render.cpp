@@ -501,6 +501,10 @@ TEST_F(TremorRender, FfmpegHabits) {
   EXPECT_FALSE(fs::exists(dir / "t.1009.png") || fs::exists(dir / "t.1013.png"));
 
   ASSERT_EQ(RunCli(dir, "in.mkv -q -o whole.mkv -an").code, 0);
+  const Result streamed = RunCli(dir, "in.mkv -q -an -f mkv -");  // to standard output
+  ASSERT_EQ(streamed.code, 0);
+  std::ofstream(dir / "streamed.mkv", std::ios::binary) << streamed.out;
+  EXPECT_EQ(FrameMd5(dir / "streamed.mkv"), FrameMd5(dir / "whole.mkv"));
   std::ofstream list(dir / "chunks.txt");
   for (const char* range : {"--start 0 --end 8", "--start 9 --end 20", "--start 21"}) {
     const std::string chunk = "chunk" + std::to_string(range[8] - '0') + ".mkv";
