@@ -1,8 +1,10 @@
 // The progress text of tremor-render: a bar on a terminal, plain lines for logs.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 #include "RenderProgress.h"
 
@@ -45,6 +47,31 @@ TEST(ProgressOutput, BarOnlyOnATerminalAndClearedAtTheEnd) {
   EXPECT_EQ(bar.substr(bar.size() - 4), "\r\033[K");
   EXPECT_EQ(Captured(true, true), "");
   EXPECT_EQ(Captured(false, false), "");
+}
+
+// The kernels' first-run notice: once when its step outlasts the delay, never
+// when the step ends first (nor does it hold that step up), nothing when quiet.
+std::string Notice(std::chrono::milliseconds after, std::chrono::milliseconds step, bool quiet) {
+  char* buf = nullptr;
+  size_t size = 0;
+  std::FILE* out = open_memstream(&buf, &size);
+  {
+    render::SlowStepNotice notice("compiling", after, quiet, out);
+    std::this_thread::sleep_for(step);
+  }
+  std::fclose(out);
+  std::string text(buf, size);
+  free(buf);
+  return text;
+}
+
+TEST(SlowStepNotice, OnlyWhenTheStepIsSlow) {
+  using std::chrono::milliseconds;
+  EXPECT_EQ(Notice(milliseconds(1), milliseconds(300), false), "compiling\n");
+  EXPECT_EQ(Notice(milliseconds(1), milliseconds(300), true), "");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Notice(milliseconds(60000), milliseconds(0), false), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 }
 
 }  // namespace
