@@ -26,11 +26,12 @@ test: build
 # without the toolkit: its tests run against a stand-in driver, while the
 # runtime the stand-in hosts' CUDA devices need is left out; the frei0r filter
 # too: it runs only inside FFmpeg and melt, which load no sanitizer runtime);
-# any report fails the run. A refused allocation comes
+# any report fails the run; no man pages, which would run the sanitized
+# programs at build time, outside the tests. A refused allocation comes
 # back null, as without sanitizers, so the effect's own handling of it runs.
 SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
 sanitize: deps
-	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF -DTD_BUILD_MAN=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
 	cmake --build build-sanitize -j $(JOBS)
