@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test sanitize tsan fuzz bench demo install clean
+.PHONY: all deps configure build test sanitize tsan fuzz bench demo install package clean
 
 all: build
 
@@ -26,11 +26,12 @@ test: build
 # without the toolkit: its tests run against a stand-in driver, while the
 # runtime the stand-in hosts' CUDA devices need is left out; the frei0r filter
 # too: it runs only inside FFmpeg and melt, which load no sanitizer runtime);
-# any report fails the run. A refused allocation comes
+# any report fails the run; no man pages, which would run the sanitized
+# programs at build time, outside the tests. A refused allocation comes
 # back null, as without sanitizers, so the effect's own handling of it runs.
 SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
 sanitize: deps
-	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF -DTD_BUILD_MAN=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
 	cmake --build build-sanitize -j $(JOBS)
@@ -70,12 +71,28 @@ bench: build
 	$(BUILD)/bench/tremor_bench
 	bash bench/compare_ffmpeg.sh $(BUILD)
 
-# Renders a generated sample clip and writes a contact sheet under demo/.
-demo: build
-	bash scripts/demo.sh $(BUILD)
+# Renders a generated sample clip and writes a contact sheet under demo/. It
+# needs the renderer and the module (and builds the frei0r filter beside them):
+# its own packages (no Wine, mingw, clang or test frameworks) and its own build
+# folder, without the tests, benchmarks or the Windows module.
+DEMO_BUILD ?= build-demo
+demo:
+	@bash scripts/install-deps.sh demo
+	cmake -S . -B $(DEMO_BUILD) $(CMAKE_FLAGS) -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_WINDOWS=OFF
+	cmake --build $(DEMO_BUILD) -j $(JOBS) --target tremor-render TremorDistiller tremor_distiller
+	bash scripts/demo.sh $(DEMO_BUILD)
 
 install: build
 	cmake --install $(BUILD)
+
+# The Debian package of everything `make install` installs, built for /usr in
+# a folder of its own (tremor-render finds the module under the prefix it was
+# built for): $(PACKAGE_BUILD)/tremor-distiller_VERSION_ARCH.deb.
+PACKAGE_BUILD ?= build-package
+package: deps
+	cmake -S . -B $(PACKAGE_BUILD) $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=/usr -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_WINDOWS=OFF
+	cmake --build $(PACKAGE_BUILD) -j $(JOBS)
+	cd $(PACKAGE_BUILD) && cpack -G DEB
 
 clean:
 	rm -rf $(BUILD)

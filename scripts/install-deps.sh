@@ -1,20 +1,27 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and tests need. As root it installs what is
-# missing; otherwise it prints the apt line to run and fails.
+# Installs the Debian packages the build and tests need; `install-deps.sh demo`
+# only those of `make demo` (the renderer, the module and the frei0r filter,
+# built and run on PoCL). As root it installs what is missing; otherwise it
+# prints the apt line to run and fails.
 set -euo pipefail
 
 packages=(
-  build-essential cmake make pkg-config python3
-  libgtest-dev libgmock-dev libbenchmark-dev
-  ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
+  build-essential cmake make pkg-config
+  ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
   libcli11-dev
-  frei0r-plugins-dev melt
+  frei0r-plugins-dev
   libfreetype-dev fonts-dejavu-core
-  clang libclang-rt-14-dev
-  g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine
 )
+if [ "${1:-all}" != demo ]; then
+  packages+=(
+    python3 python3-distributed help2man dpkg-dev
+    libgtest-dev libgmock-dev libbenchmark-dev clinfo melt
+    clang libclang-rt-14-dev
+    g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine
+  )
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -675,7 +675,13 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
   const media::InputInfo info = reader.Info();
   const engine::Settings settings = EngineSettings(host, o);
   const std::string deviceText = ResolveDevice(o.device).device;
-  engine::OpenedDevice device(deviceText);
+  // Opening the device builds the kernels: a minute or more on PoCL the first
+  // time, before any frame can show progress; its cache serves later runs.
+  const auto device = [&] {
+    SlowStepNotice notice("tremor-render: compiling GPU kernels (first run only)", std::chrono::milliseconds(700),
+                          o.quiet);
+    return std::make_unique<engine::OpenedDevice>(deviceText);
+  }();
   int64_t last = o.end >= 0 ? o.end : INT64_MAX;
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
   last = std::min(last, kLastStackFrame);
@@ -693,7 +699,7 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
     const auto queued = static_cast<size_t>(std::max(2, o.jobs));
     SparePixels spares(queued * 2);
     SequentialClip clip(reader, FirstNeeded(o.start, settings.controls, settings.offset), queued);
-    engine::Engine eng(device.Get(), clip, settings);
+    engine::Engine eng(device->Get(), clip, settings);
     std::unique_ptr<FrameSink> sink;
     if (writer) sink = std::make_unique<FrameSink>(*writer, queued, &spares);
     EngineRun run{eng, clip, settings.controls, settings.offset};
@@ -732,7 +738,7 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
     else if (snapshot)
       snapshot->Commit({});
     progress.Finish();
-    Summary(o, progress, done, device.Name() + " (engine)");
+    Summary(o, progress, done, device->Name() + " (engine)");
     return 0;
   } catch (const media::MediaError& e) {
     const std::string message = staging ? staging->Public(e.what()) : e.what();

@@ -54,4 +54,23 @@ void Progress::Finish() {
   drawn_ = false;
 }
 
+SlowStepNotice::SlowStepNotice(std::string line, std::chrono::milliseconds after, bool quiet, std::FILE* out) {
+  if (quiet) return;
+  waiter_ = std::thread([this, line = std::move(line), after, out] {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (done_.wait_for(lock, after, [this] { return finished_; })) return;
+    std::fprintf(out, "%s\n", line.c_str());
+    std::fflush(out);
+  });
+}
+
+SlowStepNotice::~SlowStepNotice() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    finished_ = true;
+  }
+  done_.notify_all();
+  if (waiter_.joinable()) waiter_.join();
+}
+
 }  // namespace render

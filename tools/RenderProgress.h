@@ -4,9 +4,12 @@
 #define TREMOR_TOOLS_RENDERPROGRESS_H
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace render {
 
@@ -29,6 +32,23 @@ class Progress {
   std::FILE* out_;
   Clock::time_point start_, last_;
   bool drawn_ = false;
+};
+
+// Prints `line` once if the step it spans (its lifetime) takes longer than
+// `after`: building the kernels, which a device's cache makes quick from then
+// on, is the only slow part of opening a device.
+class SlowStepNotice {
+ public:
+  SlowStepNotice(std::string line, std::chrono::milliseconds after, bool quiet, std::FILE* out = stderr);
+  ~SlowStepNotice();
+  SlowStepNotice(const SlowStepNotice&) = delete;
+  SlowStepNotice& operator=(const SlowStepNotice&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::thread waiter_;
 };
 
 }  // namespace render

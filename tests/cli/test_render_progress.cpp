@@ -47,4 +47,19 @@ TEST(ProgressOutput, BarOnlyOnATerminalAndClearedAtTheEnd) {
   EXPECT_EQ(Captured(false, false), "");
 }
 
+// The kernels' first-run notice: once when its step outlasts the delay, never
+// when the step ends first (whose end it does not hold up: a minute here).
+TEST(SlowStepNotice, OnlyWhenTheStepIsSlow) {
+  char* buf = nullptr;
+  size_t size = 0;
+  std::FILE* out = open_memstream(&buf, &size);
+  render::SlowStepNotice("quick", std::chrono::minutes(1), false, out);  // done at once
+  auto slow = std::make_unique<render::SlowStepNotice>("slow", std::chrono::milliseconds(1), false, out);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  slow.reset();
+  std::fclose(out);
+  EXPECT_EQ(std::string(buf, size), "slow\n");
+  free(buf);
+}
+
 }  // namespace
