@@ -263,7 +263,12 @@ __attribute__((visibility("default"))) void f0r_set_param_value(f0r_instance_t i
   const auto& controls = Frei0rControls();
   if (!self || !param || index < 0 || index >= static_cast<int>(controls.size())) return;
   // Booleans and doubles alike come as a double.
-  self->values[index] = ControlValue(controls[index], *static_cast<const double*>(param));
+  const double value = *static_cast<const double*>(param);
+  // melt sets every value before each frame, and may make several
+  // instances: each value is named once.
+  const std::string note = OutOfRangeNote(controls[index], value);
+  if (!note.empty()) ReportOnce(note, false);
+  self->values[index] = ControlValue(controls[index], value);
 }
 
 __attribute__((visibility("default"))) void f0r_get_param_value(f0r_instance_t instance, f0r_param_t param, int index) {
