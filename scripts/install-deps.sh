@@ -10,7 +10,7 @@ packages=(
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
-  frei0r-plugins-dev melt
+  frei0r-plugins-dev melt libmlt-dev libmlt++-dev
   libfreetype-dev fonts-dejavu-core
   clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine
