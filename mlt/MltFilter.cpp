@@ -336,6 +336,10 @@ void Close(mlt_filter filter) {
 }
 
 mlt_filter Init(mlt_profile, mlt_service_type, const char*, char*) {
+  // The effect's log, started by the first filter: MLT loads every module
+  // at start-up, also where no one uses this one.
+  static std::once_flag log;
+  std::call_once(log, [] { LoggerInit(kLogFileStem, kLogFolderName); });
   mlt_filter filter = mlt_filter_new();
   if (!filter) return nullptr;
   filter->child = new Instance;
@@ -357,7 +361,6 @@ mlt_properties Metadata(mlt_service_type, const char*, void* file) {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) void mlt_register(mlt_repository repository) {
-  LoggerInit(kLogFileStem, kLogFolderName);
   MLT_REGISTER(mlt_service_filter_type, kService, Init);
   MLT_REGISTER_METADATA(mlt_service_filter_type, kService, Metadata, const_cast<char*>("filter_tremor_distiller.yml"));
 }

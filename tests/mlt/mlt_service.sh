@@ -11,8 +11,13 @@ rm -rf "$work" && mkdir -p "$work/repo" "$work/data" && cd "$work"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 # MLT reads modules and data from one folder each: the system's beside ours.
-ln -s "$(pkg-config --variable=moduledir mlt-framework-7)"/*.so "$build/mlt/libmlttremordistiller.so" repo/
-ln -s "$(pkg-config --variable=mltdatadir mlt-framework-7)"/* "$build/mlt/data/tremordistiller" data/
+# An installed copy of ours stays out.
+for f in "$(pkg-config --variable=moduledir mlt-framework-7)"/*.so; do
+  [[ $f == */libmlttremordistiller.so ]] || ln -s "$f" repo/
+done
+for f in "$(pkg-config --variable=mltdatadir mlt-framework-7)"/*; do [[ $f == */tremordistiller ]] || ln -s "$f" data/; done
+ln -s "$build/mlt/libmlttremordistiller.so" repo/
+ln -s "$build/mlt/data/tremordistiller" data/
 export MLT_REPOSITORY=$work/repo MLT_DATA=$work/data
 melt -query filter=tremor_distiller 2>/dev/null | grep -q 'identifier: frames_offset' || fail "no metadata for the service"
 
