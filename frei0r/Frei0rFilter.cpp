@@ -220,7 +220,8 @@ __attribute__((visibility("default"))) int f0r_init() {
 __attribute__((visibility("default"))) void f0r_deinit() {}
 
 __attribute__((visibility("default"))) void f0r_get_plugin_info(f0r_plugin_info_t* info) {
-  info->name = "Tremor Distiller";
+  // Apart from the MLT service of the same name in editors that list both.
+  info->name = "Tremor Distiller (frei0r)";
   info->author = "Harbour Lantern Lab";
   info->plugin_type = F0R_PLUGIN_TYPE_FILTER;
   info->color_model = F0R_COLOR_MODEL_RGBA8888;
