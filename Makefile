@@ -69,6 +69,7 @@ fuzz: deps
 bench: build
 	$(BUILD)/bench/tremor_bench
 	bash bench/compare_ffmpeg.sh $(BUILD)
+	bash bench/compare_mlt.sh $(BUILD)
 
 # Renders a generated sample clip and writes a contact sheet under demo/.
 demo: build
