@@ -43,7 +43,7 @@ melt_run() {  # real_time filter-arguments...
   local rt=$1
   shift
   melt -quiet -profile atsc_1080p_25 "$work/clip.mp4" "$@" -consumer avformat:/dev/null f=null vcodec=rawvideo an=1 \
-    real_time="$rt"
+    real_time="$rt" < /dev/null
 }
 
 read -r t_ours c_ours < <(median melt_run -1 -filter tremor_distiller)

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -62,6 +63,7 @@ struct PrivateClip {
   ~PrivateClip() { mlt_producer_close(producer); }
   mlt_producer producer;
   std::mutex mutex;
+  int64_t next = 0;  // the frame the producer reads next without seeking
 };
 
 using TextProperties = std::vector<std::pair<std::string, std::string>>;
@@ -120,9 +122,34 @@ class MltClip : public engine::ClipSource {
 
   int64_t FrameCount() const override { return mlt_producer_get_length(clip_->producer); }
 
+  // Render threads ask for frames a little out of order: the file is read
+  // forward, the frames passed on the way kept, rather than sought back to
+  // (a seek decodes from the last key frame).
   bool Fetch(int64_t k, engine::SourcePicture& picture) override {
     if (k >= FrameCount()) return false;
     std::lock_guard<std::mutex> lock(clip_->mutex);
+    if (const auto it = passed_.find(k); it != passed_.end()) {
+      picture = std::move(it->second);
+      passed_.erase(it);
+      return true;
+    }
+    for (int64_t j = clip_->next; j < k && k - clip_->next <= kReadAhead; ++j) Read(j, passed_[j]);
+    while (passed_.size() > kReadAhead) passed_.erase(passed_.begin());
+    Read(k, picture);
+    return true;
+  }
+
+  // Fresh memory costs a page fault every 4 KiB: pictures come back for reuse.
+  void Recycle(engine::SourcePicture&& picture) override {
+    std::lock_guard<std::mutex> lock(spareMutex_);
+    if (spare_.size() < 4) spare_.push_back(std::move(picture.pixels));
+  }
+
+ private:
+  static constexpr int64_t kReadAhead = 8;
+
+  // Frame k from the file, under the clip's lock.
+  void Read(int64_t k, engine::SourcePicture& picture) {
     mlt_producer_seek(clip_->producer, static_cast<mlt_position>(k));
     mlt_frame frame = nullptr;
     if (mlt_service_get_frame(MLT_PRODUCER_SERVICE(clip_->producer), &frame, 0) || !frame)
@@ -151,16 +178,10 @@ class MltClip : public engine::ClipSource {
       SwapRedBlue(bgra, from, to);
     });
     mlt_frame_close(frame);
-    return true;
+    clip_->next = k + 1;
   }
 
-  // Fresh memory costs a page fault every 4 KiB: pictures come back for reuse.
-  void Recycle(engine::SourcePicture&& picture) override {
-    std::lock_guard<std::mutex> lock(spareMutex_);
-    if (spare_.size() < 4) spare_.push_back(std::move(picture.pixels));
-  }
-
- private:
+  std::map<int64_t, engine::SourcePicture> passed_;  // read on the way to a later frame
   std::mutex spareMutex_;
   std::vector<std::vector<uint8_t>> spare_;
   std::shared_ptr<PrivateClip> clip_;
