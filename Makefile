@@ -25,13 +25,14 @@ test: build
 # in a build folder of its own (CUDA as the driver path alone, PTX from clang
 # without the toolkit: its tests run against a stand-in driver, while the
 # runtime the stand-in hosts' CUDA devices need is left out; the frei0r filter
-# too: it runs only inside FFmpeg and melt, which load no sanitizer runtime);
-# any report fails the run; no man pages, which would run the sanitized
-# programs at build time, outside the tests. A refused allocation comes
-# back null, as without sanitizers, so the effect's own handling of it runs.
+# and the MLT service too: they run only inside FFmpeg and melt, which load no
+# sanitizer runtime); any report fails the run; no man pages, which would run
+# the sanitized programs at build time, outside the tests. A refused
+# allocation comes back null, as without sanitizers, so the effect's own
+# handling of it runs.
 SAN_FLAGS = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all
 sanitize: deps
-	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF -DTD_BUILD_MAN=OFF \
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_DISABLE_FIND_PACKAGE_CUDAToolkit=ON -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_MLT=OFF -DTD_BUILD_WINDOWS=OFF -DTD_BUILD_MAN=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(SAN_FLAGS)" "-DCMAKE_C_FLAGS=$(SAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(SAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(SAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(SAN_FLAGS)"
 	cmake --build build-sanitize -j $(JOBS)
@@ -43,7 +44,7 @@ sanitize: deps
 # and encodes on threads of its own, and the engine rendering on two threads.
 TSAN_FLAGS = -fsanitize=thread
 tsan: deps
-	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FREI0R=OFF -DTD_BUILD_MLT=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_C_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS)" \
 	  "-DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS)" "-DCMAKE_MODULE_LINKER_FLAGS=$(TSAN_FLAGS)"
 	cmake --build build-tsan -j $(JOBS) --target TremorDistiller tremor-render test_ae_render test_tremor_render test_engine
@@ -58,7 +59,7 @@ FUZZ_TARGETS = fuzz_frame_stack fuzz_inputs
 FUZZ_FLAGS = -fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer -fno-sanitize-recover=all
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTD_WITH_CUDA=OFF \
-	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON -DTD_BUILD_FREI0R=OFF -DTD_BUILD_WINDOWS=OFF \
+	  -DTD_BUILD_TESTS=OFF -DTD_BUILD_BENCH=OFF -DTD_BUILD_FUZZ=ON -DTD_BUILD_FREI0R=OFF -DTD_BUILD_MLT=OFF -DTD_BUILD_WINDOWS=OFF \
 	  "-DCMAKE_CXX_FLAGS=$(FUZZ_FLAGS)" "-DCMAKE_C_FLAGS=$(FUZZ_FLAGS)" \
 	  "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined"
 	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
@@ -70,6 +71,7 @@ fuzz: deps
 bench: build
 	$(BUILD)/bench/tremor_bench
 	bash bench/compare_ffmpeg.sh $(BUILD)
+	bash bench/compare_mlt.sh $(BUILD)
 
 # Renders a generated sample clip and writes a contact sheet under demo/. It
 # needs the renderer and the module (and builds the frei0r filter beside them):

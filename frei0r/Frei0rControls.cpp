@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -94,6 +95,27 @@ double ControlValue(const Frei0rControl& control, double frei0r) {
     case ParamKind::Popup: return 1.0 + std::lround(v * (Choices(r) - 1));
     default: return v >= 0.5 ? 1.0 : 0.0;
   }
+}
+
+std::string OutOfRangeNote(const Frei0rControl& control, double frei0r) {
+  if (!(frei0r < 0.0 || frei0r > 1.0)) return {};
+  const ParamRecord& r = Row(control);
+  char line[256];
+  int n = std::snprintf(line, sizeof line, "%s %g is outside 0..1", r.name.c_str(), frei0r);
+  // A user who typed the control's own value: say what it is in frei0r's terms.
+  if (r.kind == ParamKind::FloatSlider && frei0r >= *r.min && frei0r <= *r.max) {
+    const char* unit = r.diskId == PARAM_FRAMES_FADE ? "%" : " frames";
+    std::snprintf(line + n, sizeof line - n, "; %g%s is %g", frei0r, unit, Frei0rValue(control, frei0r));
+  } else if (r.kind == ParamKind::Popup && frei0r == std::floor(frei0r) && frei0r >= 1 && frei0r <= Choices(r)) {
+    const std::string choices = std::get<std::string>(r.value.value());
+    size_t from = 0;
+    for (int k = 1; k < frei0r; ++k) from = choices.find('|', from) + 1;
+    const std::string name = choices.substr(from, choices.find('|', from) - from);
+    std::snprintf(line + n, sizeof line - n, "; %s is %g", name.c_str(), Frei0rValue(control, frei0r));
+  } else {
+    std::snprintf(line + n, sizeof line - n, "; it is clamped to %g", std::clamp(frei0r, 0.0, 1.0));
+  }
+  return line;
 }
 
 double Frei0rValue(const Frei0rControl& control, double value) {

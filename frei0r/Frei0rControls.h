@@ -25,6 +25,10 @@ const std::vector<Frei0rControl>& Frei0rControls();
 // counting from 1, a checkbox 0 or 1) from frei0r's double, clamped; NaN
 // gives the control's default.
 double ControlValue(const Frei0rControl& control, double frei0r);
+// For a frei0r value outside 0..1, the line that names the control, the value
+// and what that value in the control's own units would be in frei0r's terms
+// ("Frames 20 is outside 0..1; 20 frames is 0.361702"); empty inside 0..1.
+std::string OutOfRangeNote(const Frei0rControl& control, double frei0r);
 // The reverse, for f0r_get_param_value.
 double Frei0rValue(const Frei0rControl& control, double value);
 // Defaults of every control, in control units.

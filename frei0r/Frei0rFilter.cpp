@@ -220,7 +220,8 @@ __attribute__((visibility("default"))) int f0r_init() {
 __attribute__((visibility("default"))) void f0r_deinit() {}
 
 __attribute__((visibility("default"))) void f0r_get_plugin_info(f0r_plugin_info_t* info) {
-  info->name = "Tremor Distiller";
+  // Apart from the MLT service of the same name in editors that list both.
+  info->name = "Tremor Distiller (frei0r)";
   info->author = "Harbour Lantern Lab";
   info->plugin_type = F0R_PLUGIN_TYPE_FILTER;
   info->color_model = F0R_COLOR_MODEL_RGBA8888;
@@ -263,7 +264,12 @@ __attribute__((visibility("default"))) void f0r_set_param_value(f0r_instance_t i
   const auto& controls = Frei0rControls();
   if (!self || !param || index < 0 || index >= static_cast<int>(controls.size())) return;
   // Booleans and doubles alike come as a double.
-  self->values[index] = ControlValue(controls[index], *static_cast<const double*>(param));
+  const double value = *static_cast<const double*>(param);
+  // melt sets every value before each frame, and may make several
+  // instances: each value is named once.
+  const std::string note = OutOfRangeNote(controls[index], value);
+  if (!note.empty()) ReportOnce(note, false);
+  self->values[index] = ControlValue(controls[index], value);
 }
 
 __attribute__((visibility("default"))) void f0r_get_param_value(f0r_instance_t instance, f0r_param_t param, int index) {

@@ -67,9 +67,19 @@ same "melt from frame 5" melt.raw ref.raw
 # Out of range: Frames 7 is 50, Frames Fade -3 is 0, Output 9 is Luma (FFmpeg
 # takes booleans as y or n).
 ffmpeg -nostdin -v error -y -i clip.mkv \
-  -vf "frei0r=filter_name=tremor_distiller:filter_params=7|0.505|-3|0|0|n|n|n|9" -f rawvideo -pix_fmt rgba ff.raw
+  -vf "frei0r=filter_name=tremor_distiller:filter_params=7|0.505|-3|0|0|n|n|n|9" -f rawvideo -pix_fmt rgba ff.raw \
+  2> clamped.txt
 reference clip.mkv ref.raw --frames 50 --frames-fade 0 --output luma
 same "clamped values" ff.raw ref.raw
+printf '%s\n' 'tremor_distiller: Frames 7 is outside 0..1; 7 frames is 0.0851064' \
+  'tremor_distiller: Frames Fade -3 is outside 0..1; it is clamped to 0' \
+  'tremor_distiller: Output 9 is outside 0..1; it is clamped to 1' > expected.txt
+diff expected.txt clamped.txt || fail "FFmpeg: out-of-range values not named as expected"
+# melt sets every value before each frame: still one line a value.
+melt -quiet clip.mkv -filter frei0r.tremor_distiller 0=20 8=2 -consumer avformat:melt.mkv vcodec=ffv1 an=1 2> clamped.txt
+printf '%s\n' 'tremor_distiller: Frames 20 is outside 0..1; 20 frames is 0.361702' \
+  'tremor_distiller: Output 2 is outside 0..1; Source is 0.5' > expected.txt
+diff expected.txt <(grep tremor_distiller clamped.txt | sort) || fail "melt: out-of-range values not named once each"
 
 TREMOR_DISTILLER_DEVICE=opencl:9.9 ffmpeg -nostdin -v error -y -i clip.mkv -vf frei0r=filter_name=tremor_distiller \
   -f rawvideo -pix_fmt rgba ff.raw 2> err.txt
