@@ -20,12 +20,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <filesystem>
 #include <system_error>
 
 #include "Engine.h"
 #include "FramePipeline.h"
 #include "MediaIO.h"
+#include "MemoryBudget.h"
 #include "OutputStaging.h"
 #include "PrHost.h"
 #include "RenderDevice.h"
@@ -468,8 +470,33 @@ engine::Settings EngineSettings(aehost::AeHost& host, const Options& o) {
   for (const auto& [id, value] : o.effect) host.SetParamValue(ParamIndex(host, id), value);
   engine::Settings settings;
   FillKernelData([&](int32_t id) { return ControlValue(host, id); }, settings.controls, &settings.offset);
-  settings.cacheBytes = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
   return settings;
+}
+
+// The memory budget shared out for this render, from the clip's first frame
+// as it comes (its size, depth, and what it takes decoded). Throws Failure
+// where one stack does not fit; an empty clip is left to the render to name.
+MemoryPlan PlanMemory(SequentialClip& clip, int64_t first, const engine::Settings& s, bool stackKernel,
+                      const Options& o, int64_t clipFrames, const media::OutputFormat* format) {
+  engine::SourcePicture picture;
+  if (!clip.Fetch(first, picture)) return MemoryPlan{o.memory, o.memory ? o.memory : s.cacheBytes, 0, 0};
+  EngineWork w;
+  w.width = picture.width;
+  w.height = picture.height;
+  w.sourceDepth = picture.depth;
+  w.decodedBytes = clip.DecodedBytes();
+  w.fused = stackKernel && StackRunsFused(s.controls);
+  w.jobs = o.jobs;
+  w.codec = format ? format->codec : nullptr;
+  clip.Recycle(std::move(picture));
+  // Stacks away from the clip's ends, where no frame repeats for want of frames.
+  std::set<int64_t> stacks;
+  for (int j = 0; j < o.jobs; ++j)
+    for (const int64_t f : StackSourceFrames(10000 + j, s.controls.numFrames, s.offset, -1)) stacks.insert(f);
+  w.stackFrames = static_cast<int64_t>(stacks.size());
+  w.reach = *stacks.rbegin() - *stacks.begin() + 1;
+  if (clipFrames >= 0) w.reach = std::min(w.reach, clipFrames);
+  return PlanEngineMemory(w, o.memory);
 }
 
 struct EngineRun {
@@ -591,8 +618,12 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
     Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
     const auto queued = static_cast<size_t>(std::max(2, o.jobs));
     SparePixels spares(queued * 2);
-    SequentialClip clip(reader, FirstNeeded(o.start, settings.controls, settings.offset), queued);
-    engine::Engine eng(device.Get(), clip, settings);
+    const int64_t first = FirstNeeded(o.start, settings.controls, settings.offset);
+    SequentialClip clip(reader, first, queued);
+    engine::Settings planned = settings;
+    const MemoryPlan memory = PlanMemory(clip, first, settings, device.Get().stackKernel, o, info.frameCount, format);
+    planned.cacheBytes = memory.heldBytes;
+    engine::Engine eng(device.Get(), clip, planned);
     std::unique_ptr<FrameSink> sink;
     if (writer) sink = std::make_unique<FrameSink>(*writer, queued, &spares);
     EngineRun run{eng, clip, settings.controls, settings.offset};
@@ -600,10 +631,12 @@ int RunEngine(aehost::AeHost& host, const Options& o) {
     try {
       try {
         done = RenderOnEngine(run, o, last, info.width, info.height, sink.get(), spares, progress);
+      } catch (const engine::OutOfMemory& e) {
+        throw Failure(std::string(e.what()) + "; the memory budget is " + SizeText(memory.budget) + " (--memory)");
       } catch (const engine::EngineError& e) {
         const std::string what = e.what();
         throw Failure(what.rfind("a stack of ", 0) == 0 ? what + " (--memory)"
-                                                         : what + "; see the effect's log at " + LogPath());
+                                                        : what + "; see the effect's log at " + LogPath());
       }
       if (done == 0 && o.start == 0) throw Failure(o.input + " has no frames");
       if (done == 0) throw Failure(PastTheEnd(o.start, clip.FrameCount() - 1));
@@ -709,10 +742,7 @@ int64_t RenderOnHost(ClipHost& clip, Feed& feed, FrameSink& sink, const HostPlan
   return next - o.start;
 }
 
-}  // namespace
-
-int Run(aehost::AeHost& host, const Options& o) {
-  if (o.host == "engine") return RunEngine(host, o);
+int RunModule(aehost::AeHost& host, const Options& o) {
   const media::OutputFormat& format = CheckCommand(o);
   media::Reader reader(o.input);
   const media::InputInfo info = reader.Info();
@@ -766,6 +796,22 @@ int Run(aehost::AeHost& host, const Options& o) {
   } catch (const media::MediaError& e) {
     // The user's output, not the hidden temporary.
     throw media::MediaError(snapshot ? snapshot->Public(staging.Public(e.what())) : staging.Public(e.what()));
+  }
+}
+
+}  // namespace
+
+// Memory the process could not have, wherever it was asked for: its one line.
+int Run(aehost::AeHost& host, const Options& o) {
+  const std::string hint =
+      o.memory ? "; the memory budget is " + SizeText(o.memory) + " (--memory)" : " (see --memory)";
+  try {
+    return o.host == "engine" ? RunEngine(host, o) : RunModule(host, o);
+  } catch (const std::bad_alloc&) {
+    throw Failure("out of memory" + hint);
+  } catch (const std::system_error& e) {
+    if (e.code() != std::errc::resource_unavailable_try_again) throw;
+    throw Failure("out of memory: a thread could not be started" + hint);
   }
 }
 

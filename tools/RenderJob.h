@@ -37,7 +37,7 @@ struct Options {
   std::string host = "engine", precision = "float";
   std::string outputArgument;  // an output given after INPUT, FFmpeg's way
   std::string format;  // -f: "null" renders and discards, else by the output's extension
-  uint64_t memory = 0;  // bytes the input frames may take; 0: three quarters of what is available
+  uint64_t memory = 0;  // bytes the render may take beyond kFixedOverhead; 0: the default
   std::string uiSnapshot;  // a PNG of the effect's custom UI after the render; "" for none
 };
 

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 
+#include "MemoryBudget.h"
 #include "OutputFormats.h"
 
 namespace render {
@@ -97,7 +98,8 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"null"}))
       ->type_name("FORMAT");
 
-  app.add_option("--device", o.device, "auto, opencl[:PLATFORM.DEVICE], cuda[:N], or reference (the CPU reference, on the engine)")
+  app.add_option("--device", o.device,
+                 "auto, opencl[:PLATFORM.DEVICE], cuda[:N], or reference (the CPU reference, on the engine)")
       ->capture_default_str()
       ->group("Run");
   app.add_flag("--list-devices", o.listDevices, "List devices and exit")->group("Run");
@@ -119,8 +121,18 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"float", "half"}))
       ->capture_default_str()
       ->group("Run");
-  app.add_option("--memory", o.memory, "Memory for input frames, e.g. 4G (default: 3/4 of what is available)")
-      ->transform(CLI::AsSizeValue(false))
+  app.add_option("--memory", o.memory,
+                 "Memory for the render beyond about 256 MiB the process takes anyway: frames on the host and "
+                 "the device, queues, the encoder; e.g. 600M or 1.5G (default: what the work needs, at most 3/4 "
+                 "of what the process may take)")
+      ->transform(CLI::Validator(
+          [](std::string& text) -> std::string {
+            const uint64_t bytes = ParseMemorySize(text);
+            if (bytes == 0) return "'" + text + "' is not a size above 0 such as 600M or 1.5G";
+            text = std::to_string(bytes);
+            return {};
+          },
+          "SIZE"))
       ->group("Run");
   app.add_option("--ui-snapshot", o.uiSnapshot,
                  "After the render, write the effect's controls as the user sees them (the picture and the GPU "
