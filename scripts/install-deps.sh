@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake make pkg-config python3
   libgtest-dev libgmock-dev libbenchmark-dev
-  ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo
+  ocl-icd-opencl-dev opencl-headers pocl-opencl-icd clinfo oclgrind
   libstb-dev
   ffmpeg libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   libcli11-dev
