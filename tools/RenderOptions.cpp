@@ -122,9 +122,9 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->capture_default_str()
       ->group("Run");
   app.add_option("--memory", o.memory,
-                 "Memory for the render beyond about 256 MiB the process takes anyway: frames on the host and "
-                 "the device, queues, the encoder; e.g. 600M or 1.5G (default: what the work needs, at most 3/4 "
-                 "of what the process may take)")
+                 "Memory for the render beyond about 256 MiB the process takes anyway (on the engine: frames on "
+                 "the host and the device, queues, the encoder; on the module paths: the frames the host holds), "
+                 "e.g. 600M or 1.5G (default: what the work needs, at most 3/4 of what the process may take)")
       ->transform(CLI::Validator(
           [](std::string& text) -> std::string {
             const uint64_t bytes = ParseMemorySize(text);
@@ -133,6 +133,7 @@ void AddRunOptions(CLI::App& app, Options& o) {
             return {};
           },
           "SIZE"))
+      ->type_name("SIZE")
       ->group("Run");
   app.add_option("--ui-snapshot", o.uiSnapshot,
                  "After the render, write the effect's controls as the user sees them (the picture and the GPU "
