@@ -132,7 +132,7 @@ void AddRunOptions(CLI::App& app, Options& o) {
             text = std::to_string(bytes);
             return {};
           },
-          "SIZE"))
+          ""))
       ->type_name("SIZE")
       ->group("Run");
   app.add_option("--ui-snapshot", o.uiSnapshot,
