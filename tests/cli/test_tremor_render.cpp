@@ -365,6 +365,9 @@ TEST_F(TremorRender, ChunksAndJobsGiveTheBytesOfAWholeRender) {
 // --memory bounds the whole process, beyond the 256 MiB --help states: here a
 // chunk late in a clip, whose first stack asks for frames across its reach.
 TEST_F(TremorRender, PeakMemoryStaysWithinTheBudget) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer's shadow memory and quarantine come on top";
+#endif
   const fs::path dir = OutDir("peak");
   ASSERT_TRUE(
       Ffmpeg("-f lavfi -i testsrc=size=320x180:rate=25 -frames:v 210 -pix_fmt yuv420p " + Quote(dir / "in.mp4")));
