@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test sanitize tsan fuzz bench demo install package clean
+.PHONY: all deps configure build test sanitize tsan fuzz oclgrind bench demo install package clean
 
 all: build
 
@@ -67,6 +67,14 @@ fuzz: deps
 	  mkdir -p corpus/$$t && \
 	  TD_MODULE_PATH=$(CURDIR)/build-fuzz/TremorDistiller.so ASAN_OPTIONS=detect_leaks=1 tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -timeout=20 -artifact_prefix=$$t- \
 	    corpus/$$t $(CURDIR)/tests/fuzz/seeds/$$t || exit 1; done
+
+# Every kernel path on Oclgrind's simulated device (tests/oclgrind/run.sh):
+# small tremor-render renders and the device scene tests, with its memory,
+# API and data-race checks; any report fails the run. OCLGRIND_TESTS picks the
+# scene tests (both forms take about 20 minutes on a 2-core machine).
+OCLGRIND_TESTS ?= DeviceRender.*/opencl*
+oclgrind: build
+	bash tests/oclgrind/run.sh $(BUILD) '$(OCLGRIND_TESTS)'
 
 bench: build
 	$(BUILD)/bench/tremor_bench

@@ -63,9 +63,14 @@ Device Open(const std::string& address) {
 
 void Close(Device&) {}
 
-void* Allocate(const Device&, size_t bytes) {
+void* Allocate(const Device& device, size_t bytes) {
   void* p = nullptr;
-  Check(cudaMalloc(&p, bytes), "cudaMalloc");
+  const cudaError_t err = cudaMalloc(&p, bytes);
+  if (err == cudaErrorMemoryAllocation) {
+    cudaGetLastError();  // not sticky: the device goes on
+    throw DeviceMemoryError(device.name, bytes);
+  }
+  Check(err, "cudaMalloc");
   return p;
 }
 

@@ -7,9 +7,14 @@
 #if defined(_WIN32)
 #include <windows.h>
 #else
+#include <sys/resource.h>
 #include <unistd.h>
 #endif
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -124,9 +129,61 @@ void CloseDevice(Device& device) {
   device = Device{};
 }
 
+DeviceMemoryError::DeviceMemoryError(const std::string& deviceName, size_t bytes)
+    : DeviceError([&] {
+        char size[32];
+        std::snprintf(size, sizeof size, "%.1f MiB", bytes / 1048576.0);
+        return "out of memory: " + deviceName + " could not allocate a buffer of " + size;
+      }()) {}
+
 DeviceBuffer AllocateDeviceBuffer(const Device& device, size_t bytes) {
   return DeviceBuffer(device.kind->allocate(device, bytes), DeviceBufferDeleter{&device});
 }
+
+namespace {
+
+#if !defined(_WIN32)
+// The number after `key` in a file of lines (a whole file of one number with
+// key ""); `missing` where there is none, as for "max".
+uint64_t ReadNumber(const std::string& path, const std::string& key, uint64_t missing) {
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line))
+    if (line.compare(0, key.size(), key) == 0 && line.size() > key.size()) {
+      const char* digits = line.c_str() + key.size();
+      while (*digits == ' ' || *digits == '\t') ++digits;
+      if (*digits < '0' || *digits > '9') return missing;
+      return std::strtoull(digits, nullptr, 10);
+    }
+  return missing;
+}
+
+// What the memory.max of this process's cgroup (v2) and of each one above
+// it leaves over its memory.current.
+uint64_t CgroupHeadroom() {
+  std::string group;
+  std::ifstream in("/proc/self/cgroup");
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, 3, "0::") == 0) group = line.substr(3);
+  uint64_t least = UINT64_MAX;
+  for (std::string dir = "/sys/fs/cgroup" + group;; dir = dir.substr(0, dir.rfind('/'))) {
+    const uint64_t max = ReadNumber(dir + "/memory.max", "", UINT64_MAX);
+    const uint64_t current = ReadNumber(dir + "/memory.current", "", 0);
+    if (max != UINT64_MAX) least = std::min(least, max > current ? max - current : 0);
+    if (dir.size() <= std::string("/sys/fs/cgroup").size()) return least;
+  }
+}
+
+// What RLIMIT_AS leaves over the address space the process has taken.
+uint64_t AddressSpaceHeadroom() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return UINT64_MAX;
+  const uint64_t used = ReadNumber("/proc/self/status", "VmSize:", 0) * 1024;
+  return limit.rlim_cur > used ? limit.rlim_cur - used : 0;
+}
+#endif
+
+}  // namespace
 
 uint64_t AvailableHostMemory() {
 #if defined(_WIN32)
@@ -134,12 +191,12 @@ uint64_t AvailableHostMemory() {
   status.dwLength = sizeof(status);
   return GlobalMemoryStatusEx(&status) ? status.ullAvailPhys : 0;
 #else
-  std::ifstream in("/proc/meminfo");
-  std::string key, unit;
-  uint64_t kb = 0;
-  while (in >> key >> kb >> unit)
-    if (key == "MemAvailable:") return kb * 1024;
-  return static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
+  uint64_t system = ReadNumber("/proc/meminfo", "MemAvailable:", UINT64_MAX);
+  if (system == UINT64_MAX)
+    system = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGE_SIZE)) / 2;
+  else
+    system *= 1024;
+  return std::min({system, CgroupHeadroom(), AddressSpaceHeadroom()});
 #endif
 }
 

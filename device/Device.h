@@ -21,6 +21,12 @@ class DeviceError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A buffer the device (on a CPU device, the process) could not give.
+class DeviceMemoryError : public DeviceError {
+ public:
+  DeviceMemoryError(const std::string& deviceName, size_t bytes);
+};
+
 struct DeviceKind;
 
 // One device present on the machine.
@@ -52,7 +58,9 @@ struct DeviceKind {
   // address "" opens the kind's default device. Throws DeviceError.
   Device (*open)(const std::string& address);
   void (*close)(Device& device);
-  // Memory; failures throw std::runtime_error naming the call.
+  // Memory; failures throw std::runtime_error naming the call. An
+  // allocation either has its memory or throws DeviceMemoryError: nothing
+  // is left to be allocated later, where a failure could not be reported.
   void* (*allocate)(const Device& device, size_t bytes);
   void (*release)(const Device& device, void* buffer);
   void (*upload)(const Device& device, void* buffer, const void* data, size_t bytes);
@@ -88,8 +96,10 @@ DeviceListing ResolveDeviceText(const std::string& text);
 Device OpenDevice(const std::string& text);
 void CloseDevice(Device& device);
 
-// Bytes the system can still give (MemAvailable, else half its memory): what
-// frames in host memory, and a CPU device's buffers, come out of.
+// Bytes the process can still take: the least of what the system has
+// available (MemAvailable, else half its memory), what its cgroup's
+// memory.max leaves, and what RLIMIT_AS leaves of its address space. Frames
+// in host memory, and a CPU device's buffers, come out of it.
 uint64_t AvailableHostMemory();
 
 // A device buffer's bytes in host memory while the object lives: the buffer's

@@ -107,9 +107,24 @@ void Close(Device& device) {
   if (device.context) clReleaseContext(static_cast<cl_context>(device.context));
 }
 
+// PoCL allocates a plain buffer's memory at its first use and aborts the
+// process when it cannot; memory the host side may map (the device's own on
+// a CPU, where it is the same memory) is allocated here, where a failure is
+// an error code.
+bool HostUnifiedMemory(const Device& device) {
+  cl_bool unified = CL_FALSE;
+  clGetDeviceInfo(static_cast<cl_device_id>(device.device), CL_DEVICE_HOST_UNIFIED_MEMORY, sizeof unified, &unified,
+                  nullptr);
+  return unified == CL_TRUE;
+}
+
 void* Allocate(const Device& device, size_t bytes) {
   cl_int err = CL_SUCCESS;
-  cl_mem m = clCreateBuffer(static_cast<cl_context>(device.context), CL_MEM_READ_WRITE, bytes, nullptr, &err);
+  const cl_mem_flags flags = CL_MEM_READ_WRITE | (HostUnifiedMemory(device) ? CL_MEM_ALLOC_HOST_PTR : 0);
+  cl_mem m = clCreateBuffer(static_cast<cl_context>(device.context), flags, bytes, nullptr, &err);
+  if (err == CL_OUT_OF_HOST_MEMORY || err == CL_OUT_OF_RESOURCES || err == CL_MEM_OBJECT_ALLOCATION_FAILURE ||
+      err == CL_INVALID_BUFFER_SIZE)
+    throw DeviceMemoryError(device.name, bytes);
   Check(err, "clCreateBuffer");
   return m;
 }

@@ -25,7 +25,11 @@ Device Open(const std::string&) {
 
 void Close(Device&) {}
 
-void* Allocate(const Device&, size_t bytes) { return new uint8_t[bytes](); }
+void* Allocate(const Device& device, size_t bytes) {
+  auto* p = new (std::nothrow) uint8_t[bytes]();
+  if (!p) throw DeviceMemoryError(device.name, bytes);
+  return p;
+}
 void Release(const Device&, void* buffer) { delete[] static_cast<uint8_t*>(buffer); }
 void Upload(const Device&, void* buffer, const void* data, size_t bytes) { std::memcpy(buffer, data, bytes); }
 void Download(const Device&, void* buffer, void* data, size_t bytes) { std::memcpy(data, buffer, bytes); }
@@ -39,5 +43,5 @@ void Finish(const Device&) {}
 }  // namespace
 
 extern const DeviceKind kReferenceDeviceKind = {
-    "reference", "CPU reference", "0", 3,   List, AddressValid, Open,  Close,      Allocate,
+    "reference", "CPU reference", "0",      3,    List, AddressValid, Open,  Close,      Allocate,
     Release,     Upload,          Download, Fill, Copy, Map,          Unmap, BindThread, Finish};

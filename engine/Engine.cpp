@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <set>
 
 #include "DeviceFrameStack.h"
@@ -53,7 +54,7 @@ OpenedDevice::~OpenedDevice() {
 // no such frame. Renders hold the record while they use the buffer.
 struct Engine::Held {
   std::shared_ptr<void> buffer;
-  bool ready = false, exists = false;
+  bool ready = false, exists = false, outOfMemory = false;
   std::string error;
   uint64_t lastUse = 0;
 };
@@ -126,22 +127,26 @@ std::vector<int64_t> Engine::StackFrames(int64_t k) const {
   return StackSourceFrames(k, settings_.controls.numFrames, settings_.offset, source_.FrameCount());
 }
 
-std::shared_ptr<Engine::Held> Engine::Hold(int64_t k) {
+std::shared_ptr<Engine::Held> Engine::Hold(int64_t k, const std::vector<int64_t>& stack) {
   std::unique_lock<std::mutex> lock(mutex_);
   auto found = held_.find(k);
   if (found != held_.end()) {
     std::shared_ptr<Held> h = found->second;
     arrived_.wait(lock, [&] { return h->ready; });
+    if (h->outOfMemory) throw OutOfMemory(h->error);
     if (!h->error.empty()) throw EngineError(h->error);
     h->lastUse = ++clock_;
     return h;
   }
+  // Room first: the budget holds the frames, not the frames and a stack more.
+  LetGo(stack, 1);
   auto h = std::make_shared<Held>();
   held_[k] = h;
   lock.unlock();
 
   // Fetched and uploaded outside the lock: other frames may come meanwhile.
   std::string error;
+  bool outOfMemory = false;
   try {
     SourcePicture picture;
     if (source_.Fetch(k, picture)) {
@@ -170,31 +175,41 @@ std::shared_ptr<Engine::Held> Engine::Hold(int64_t k) {
       device_.device->kind->upload(*device_.device, h->buffer.get(), bytes, size);
       source_.Recycle(std::move(picture));
     }
+  } catch (const DeviceMemoryError& e) {
+    error = e.what(), outOfMemory = true;
+  } catch (const std::bad_alloc&) {
+    error = "out of memory holding frame " + std::to_string(k), outOfMemory = true;
   } catch (const std::exception& e) {
     error = e.what();
   }
   lock.lock();
   if (!error.empty()) held_.erase(k);  // a later render may try again
   h->error = error;
+  h->outOfMemory = outOfMemory;
   h->ready = true;
   h->lastUse = ++clock_;
   ++fetches_;
   arrived_.notify_all();
+  if (outOfMemory) throw OutOfMemory(error);
   if (!error.empty()) throw EngineError(error);
   return h;
 }
 
 void Engine::Evict(int64_t keep) {
   std::lock_guard<std::mutex> lock(mutex_);
+  LetGo({keep}, 0);
+}
+
+void Engine::LetGo(const std::vector<int64_t>& keep, size_t room) {
   const uint64_t frameBytes = static_cast<uint64_t>(width_) * height_ * PixelBytes(depth_);
   const uint64_t stack = static_cast<uint64_t>(std::max(1, settings_.controls.numFrames));
   const uint64_t limit = std::max<uint64_t>(stack, frameBytes ? settings_.cacheBytes / frameBytes : stack);
-  while (held_.size() > limit) {
-    // The least recently used frame no render is using; the newest render's
-    // frame stays, as its neighbours are the ones asked for next.
+  while (held_.size() + room > limit) {
+    // The least recently used frame no render is using or about to use.
     auto victim = held_.end();
     for (auto it = held_.begin(); it != held_.end(); ++it)
-      if (it->first != keep && it->second->ready && it->second.use_count() == 1 &&
+      if (it->second->ready && it->second.use_count() == 1 &&
+          std::find(keep.begin(), keep.end(), it->first) == keep.end() &&
           (victim == held_.end() || it->second->lastUse < victim->second->lastUse))
         victim = it;
     if (victim == held_.end()) return;
@@ -215,6 +230,16 @@ void Engine::CheckStackFits() {
 }
 
 void Engine::Render(int64_t k, std::vector<float>& out) {
+  try {
+    RenderStack(k, out);
+  } catch (const DeviceMemoryError& e) {
+    throw OutOfMemory(e.what());
+  } catch (const std::bad_alloc&) {
+    throw OutOfMemory("out of memory rendering frame " + std::to_string(k));
+  }
+}
+
+void Engine::RenderStack(int64_t k, std::vector<float>& out) {
   if (k < 0 || k > kLastStackFrame) throw EngineError("frame " + std::to_string(k) + " is outside the time line");
   KernelData kd = settings_.controls;
   const std::vector<int64_t> numbers = StackFrames(k);
@@ -224,7 +249,7 @@ void Engine::Render(int64_t k, std::vector<float>& out) {
   std::vector<std::shared_ptr<Held>> frames;
   for (size_t i = 0; i < numbers.size(); ++i) {
     if (i == 1) CheckStackFits();
-    std::shared_ptr<Held> h = Hold(numbers[i]);
+    std::shared_ptr<Held> h = Hold(numbers[i], numbers);
     if (!h->exists) {
       if (i == 0) throw EngineError("the clip has no frame " + std::to_string(k));
       h = frames.back();

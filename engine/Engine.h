@@ -28,6 +28,11 @@ struct EngineError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Memory the device or the process could not give.
+struct OutOfMemory : EngineError {
+  using EngineError::EngineError;
+};
+
 // One input frame as a clip hands it over: B, G, R, A in memory order, rows
 // top to bottom without padding, in the depth the source has.
 struct SourcePicture {
@@ -101,7 +106,7 @@ class Engine {
   // The input frames of output frame k's stack, newest first.
   std::vector<int64_t> StackFrames(int64_t k) const;
 
-  int Width();   // 0 until a frame has been held
+  int Width();  // 0 until a frame has been held
   int Height();
   // Frames fetched from the source so far (each held frame once).
   uint64_t Fetches() const;
@@ -113,11 +118,15 @@ class Engine {
 
  private:
   struct Held;
-  std::shared_ptr<Held> Hold(int64_t k);
+  void RenderStack(int64_t k, std::vector<float>& out);
+  // Frame k on the device; `stack`, the frames of its render, stay.
+  std::shared_ptr<Held> Hold(int64_t k, const std::vector<int64_t>& stack);
   // Device buffers of one size come back for reuse: fresh ones cost a page
   // fault every 4 KiB on a CPU device, every frame.
   std::shared_ptr<void> Buffer(size_t bytes);
   void Evict(int64_t keep);
+  // Lets the least recently used frames go until `room` more fit; under mutex_.
+  void LetGo(const std::vector<int64_t>& keep, size_t room);
   void CheckStackFits();
 
   const EngineDevice& device_;

@@ -13,6 +13,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -248,6 +249,9 @@ __attribute__((visibility("default"))) f0r_instance_t f0r_construct(unsigned int
     if (width == 0 || height == 0)
       throw std::runtime_error("a frame of " + std::to_string(width) + "x" + std::to_string(height) + " has no pixels");
     instance->Open();
+  } catch (const std::bad_alloc&) {
+    ReportOnce("cannot use the device: out of memory");
+    instance->failed = true;
   } catch (const std::exception& e) {
     ReportOnce(std::string("cannot use the device: ") + e.what());
     instance->failed = true;
@@ -286,6 +290,10 @@ __attribute__((visibility("default"))) void f0r_update(f0r_instance_t instance, 
     try {
       self->Update(time, in, out);
       return;
+    } catch (const std::bad_alloc&) {
+      ReportOnce("out of memory rendering a frame of " + std::to_string(self->width) + "x" +
+                 std::to_string(self->height));
+      self->failed = true;
     } catch (const std::exception& e) {
       ReportOnce(e.what());
       self->failed = true;

@@ -1,6 +1,7 @@
 #include "CpuDevice.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -32,9 +33,16 @@ void Launch2D(const CpuLaunchConfig& config, unsigned int w, unsigned int h, Bod
     rows(0, groupsY);
     return;
   }
+  // This thread takes the last share, and the shares of threads the system
+  // cannot start (short of memory): the same rows, only later.
   std::vector<std::thread> pool;
-  for (unsigned int t = 0; t < threads; ++t)
-    pool.emplace_back(rows, groupsY * t / threads, groupsY * (t + 1) / threads);
+  unsigned int started = 0;
+  try {
+    for (; started + 1 < threads; ++started)
+      pool.emplace_back(rows, groupsY * started / threads, groupsY * (started + 1) / threads);
+  } catch (const std::system_error&) {
+  }
+  rows(groupsY * started / threads, groupsY);
   for (auto& th : pool) th.join();
 }
 

@@ -17,7 +17,7 @@ packages=(
 if [ "${1:-all}" != demo ]; then
   packages+=(
     python3 python3-distributed help2man dpkg-dev
-    libgtest-dev libgmock-dev libbenchmark-dev clinfo melt libmlt-dev libmlt++-dev
+    libgtest-dev libgmock-dev libbenchmark-dev clinfo oclgrind melt libmlt-dev libmlt++-dev
     clang libclang-rt-14-dev
     g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine
   )

@@ -9,7 +9,13 @@ FrameSource::FrameSource(media::Reader& reader, int64_t from, int64_t until, siz
                          SparePixels* spares)
     : reader_(reader), from_(from), until_(until), convert_(convert), spares_(spares), decoded_(2), converted_(ahead) {
   decoder_ = std::thread([this] { DecodeLoop(); });
-  converter_ = std::thread([this] { ConvertLoop(); });
+  try {
+    converter_ = std::thread([this] { ConvertLoop(); });
+  } catch (...) {
+    decoded_.Cancel();  // a thread the system could not start (short of memory)
+    decoder_.join();
+    throw;
+  }
 }
 
 FrameSource::~FrameSource() {

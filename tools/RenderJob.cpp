@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <filesystem>
 #include <system_error>
 
@@ -34,6 +35,7 @@ extern "C" {
 #include "MediaCommon.h"
 #include "FramePipeline.h"
 #include "MediaIO.h"
+#include "MemoryBudget.h"
 #include "OutputStaging.h"
 #include "PrHost.h"
 #include "RenderDevice.h"
@@ -548,8 +550,33 @@ engine::Settings EngineSettings(aehost::AeHost& host, const Options& o) {
   for (const auto& [id, value] : o.effect) host.SetParamValue(ParamIndex(host, id), value);
   engine::Settings settings;
   FillKernelData([&](int32_t id) { return ControlValue(host, id); }, settings.controls, &settings.offset);
-  settings.cacheBytes = o.memory ? o.memory : AvailableHostMemory() / 4 * 3;
   return settings;
+}
+
+// The memory budget shared out for this render, from the clip's first frame
+// as it comes (its size, depth, and what it takes decoded). Throws Failure
+// where one stack does not fit; an empty clip is left to the render to name.
+MemoryPlan PlanMemory(SequentialClip& clip, int64_t first, const engine::Settings& s, bool stackKernel,
+                      const Options& o, int64_t clipFrames, const media::OutputFormat* format) {
+  engine::SourcePicture picture;
+  if (!clip.Fetch(first, picture)) return MemoryPlan{o.memory, o.memory ? o.memory : s.cacheBytes, 0, 0};
+  EngineWork w;
+  w.width = picture.width;
+  w.height = picture.height;
+  w.sourceDepth = picture.depth;
+  w.decodedBytes = clip.DecodedBytes();
+  w.fused = stackKernel && StackRunsFused(s.controls);
+  w.jobs = o.jobs;
+  w.codec = format ? format->codec : nullptr;
+  clip.Recycle(std::move(picture));
+  // Stacks away from the clip's ends, where no frame repeats for want of frames.
+  std::set<int64_t> stacks;
+  for (int j = 0; j < o.jobs; ++j)
+    for (const int64_t f : StackSourceFrames(10000 + j, s.controls.numFrames, s.offset, -1)) stacks.insert(f);
+  w.stackFrames = static_cast<int64_t>(stacks.size());
+  w.reach = *stacks.rbegin() - *stacks.begin() + 1;
+  if (clipFrames >= 0) w.reach = std::min(w.reach, clipFrames);
+  return PlanEngineMemory(w, o.memory);
 }
 
 struct EngineRun {
@@ -698,8 +725,12 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
     Progress progress(last == INT64_MAX ? -1 : last - o.start + 1, o.quiet, ::isatty(STDERR_FILENO));
     const auto queued = static_cast<size_t>(std::max(2, o.jobs));
     SparePixels spares(queued * 2);
-    SequentialClip clip(reader, FirstNeeded(o.start, settings.controls, settings.offset), queued);
-    engine::Engine eng(device->Get(), clip, settings);
+    const int64_t first = FirstNeeded(o.start, settings.controls, settings.offset);
+    SequentialClip clip(reader, first, queued);
+    engine::Settings planned = settings;
+    const MemoryPlan memory = PlanMemory(clip, first, settings, device->Get().stackKernel, o, info.frameCount, format);
+    planned.cacheBytes = memory.heldBytes;
+    engine::Engine eng(device->Get(), clip, planned);
     std::unique_ptr<FrameSink> sink;
     if (writer) sink = std::make_unique<FrameSink>(*writer, queued, &spares);
     EngineRun run{eng, clip, settings.controls, settings.offset};
@@ -707,6 +738,8 @@ int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, con
     try {
       try {
         done = RenderOnEngine(run, o, last, info.width, info.height, sink.get(), spares, progress);
+      } catch (const engine::OutOfMemory& e) {
+        throw Failure(std::string(e.what()) + "; the memory budget is " + SizeText(memory.budget) + " (--memory)");
       } catch (const engine::EngineError& e) {
         const std::string what = e.what();
         throw Failure(what.rfind("a stack of ", 0) == 0 ? what + " (--memory)"
@@ -819,19 +852,8 @@ int64_t RenderOnHost(ClipHost& clip, Feed& feed, FrameSink& sink, const HostPlan
   return next - o.start;
 }
 
-}  // namespace
-
-int Run(aehost::AeHost& host, const Options& given) {
-  const media::OutputFormat* chosen = given.format == "null" ? nullptr : &CheckCommand(given);
-  if (given.output == "-" && given.format != "null" && given.host != "engine")
-    throw Failure("standard output is written on the engine only");
-  media::Reader reader(given.input);
+int RunModule(aehost::AeHost& host, const Options& o, media::Reader& reader, const media::OutputFormat& format) {
   const media::InputInfo info = reader.Info();
-  const Options o = ResolveRange(given, info);
-  if (o.printReach) return PrintReach(host, o, info);
-  CheckOverwrite(o, info);
-  if (o.host == "engine") return RunEngine(host, o, reader, chosen);
-  const media::OutputFormat& format = *chosen;
   ClipHost clip;
   const std::string deviceName = SetUpEffect(clip, host, o);
 
@@ -881,6 +903,35 @@ int Run(aehost::AeHost& host, const Options& given) {
   } catch (const media::MediaError& e) {
     // The user's output, not the hidden temporary.
     throw media::MediaError(snapshot ? snapshot->Public(staging.Public(e.what())) : staging.Public(e.what()));
+  }
+}
+
+// The range and the output checked against the input, then the render.
+int RunChecked(aehost::AeHost& host, const Options& given) {
+  const media::OutputFormat* chosen = given.format == "null" ? nullptr : &CheckCommand(given);
+  if (given.output == "-" && given.format != "null" && given.host != "engine")
+    throw Failure("standard output is written on the engine only");
+  media::Reader reader(given.input);
+  const media::InputInfo info = reader.Info();
+  const Options o = ResolveRange(given, info);
+  if (o.printReach) return PrintReach(host, o, info);
+  CheckOverwrite(o, info);
+  return o.host == "engine" ? RunEngine(host, o, reader, chosen) : RunModule(host, o, reader, *chosen);
+}
+
+}  // namespace
+
+// Memory the process could not have, wherever it was asked for: its one line.
+int Run(aehost::AeHost& host, const Options& o) {
+  const std::string hint =
+      o.memory ? "; the memory budget is " + SizeText(o.memory) + " (--memory)" : " (see --memory)";
+  try {
+    return RunChecked(host, o);
+  } catch (const std::bad_alloc&) {
+    throw Failure("out of memory" + hint);
+  } catch (const std::system_error& e) {
+    if (e.code() != std::errc::resource_unavailable_try_again) throw;
+    throw Failure("out of memory: a thread could not be started" + hint);
   }
 }
 

@@ -41,7 +41,7 @@ struct Options {
   std::string outputArgument;  // an output given after INPUT, FFmpeg's way
   std::string inputOption;     // -i INPUT: then a lone positional is the output
   std::string format;          // -f: "null" renders and discards, else by the output's extension
-  uint64_t memory = 0;         // bytes the input frames may take; 0: three quarters of what is available
+  uint64_t memory = 0;         // bytes the render may take beyond kFixedOverhead; 0: the default
   std::string uiSnapshot;      // a PNG of the effect's custom UI after the render; "" for none
   // FFmpeg's habits. Existing outputs: replaced with -y, kept with -n, else the run stops.
   bool overwrite = false, keep = false;

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <limits>
 
+#include "MemoryBudget.h"
 #include "OutputFormats.h"
 
 namespace render {
@@ -181,8 +182,19 @@ void AddRunOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"float", "half"}))
       ->capture_default_str()
       ->group("Run");
-  app.add_option("--memory", o.memory, "Memory for input frames, e.g. 4G (default: 3/4 of what is available)")
-      ->transform(CLI::AsSizeValue(false))
+  app.add_option("--memory", o.memory,
+                 "Memory for the render beyond about 256 MiB the process takes anyway (on the engine: frames on "
+                 "the host and the device, queues, the encoder; on the module paths: the frames the host holds), "
+                 "e.g. 600M or 1.5G (default: what the work needs, at most 3/4 of what the process may take)")
+      ->transform(CLI::Validator(
+          [](std::string& text) -> std::string {
+            const uint64_t bytes = ParseMemorySize(text);
+            if (bytes == 0) return "'" + text + "' is not a size above 0 such as 600M or 1.5G";
+            text = std::to_string(bytes);
+            return {};
+          },
+          ""))
+      ->type_name("SIZE")
       ->group("Run");
   app.add_option("--ui-snapshot", o.uiSnapshot,
                  "After the render, write the effect's controls as the user sees them (the picture and the GPU "

@@ -27,18 +27,25 @@ SequentialClip::SequentialClip(media::Reader& reader, int64_t from, size_t ahead
     : reader_(reader), from_(std::max<int64_t>(0, from)), ahead_(std::max<size_t>(1, ahead)) {
   convertNext_ = from_;
   decodedUpTo_ = reader_.SeekBefore(from_);
-  decoder_ = std::thread([this] { DecodeLoop(); });
-  converter_ = std::thread([this] { ConvertLoop(); });
+  try {
+    decoder_ = std::thread([this] { DecodeLoop(); });
+    converter_ = std::thread([this] { ConvertLoop(); });
+  } catch (...) {
+    Stop();  // a thread the system could not start (short of memory)
+    throw;
+  }
 }
 
-SequentialClip::~SequentialClip() {
+SequentialClip::~SequentialClip() { Stop(); }
+
+void SequentialClip::Stop() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
   changed_.notify_all();
-  decoder_.join();
-  converter_.join();
+  if (decoder_.joinable()) decoder_.join();
+  if (converter_.joinable()) converter_.join();
 }
 
 bool SequentialClip::Wanted(int64_t k) const { return k <= std::max(asked_, from_) + static_cast<int64_t>(ahead_); }
@@ -66,10 +73,15 @@ void SequentialClip::DecodeLoop() {
       return;
     }
     const int64_t k = decodedUpTo_++;
+    decodedBytes_ = std::max(decodedBytes_, frame.Bytes());
     // Frames before the first stack's reach are only decoded: later frames need them.
     if (k >= from_ && k >= forgotten_) decoded_.emplace(k, std::move(frame));
     changed_.notify_all();
   }
+}
+
+bool SequentialClip::ToConvert() const {
+  return decoded_.count(convertNext_) && Wanted(convertNext_) && converted_.size() < ahead_;
 }
 
 void SequentialClip::ConvertLoop() {
@@ -78,15 +90,16 @@ void SequentialClip::ConvertLoop() {
     const media::DecodedFrame* frame = nullptr;
     {
       std::unique_lock<std::mutex> lock(mutex_);
+      // Only frames after the newest asked for: older ones are converted by
+      // whoever fetches them, so no more than `ahead` converted frames wait
+      // (a chunk's first stack asks for hundreds of frames, newest first).
       changed_.wait(lock, [&] {
-        return stopping_ || (ended_ && convertNext_ >= decodedUpTo_) ||
-               (decoded_.count(convertNext_) && Wanted(convertNext_)) || convertNext_ < forgotten_;
+        convertNext_ = std::max({convertNext_, asked_ + 1, forgotten_});
+        return stopping_ || (ended_ && convertNext_ >= decodedUpTo_) || ToConvert();
       });
       if (stopping_ || (ended_ && convertNext_ >= decodedUpTo_)) return;
       k = convertNext_++;
-      auto it = decoded_.find(k);
-      if (it == decoded_.end() || converted_.count(k)) continue;
-      frame = &it->second;
+      frame = &decoded_.find(k)->second;
       converting_ = k;
     }
     media::CompactPicture picture;
@@ -141,24 +154,28 @@ bool SequentialClip::Fetch(int64_t k, engine::SourcePicture& picture) {
   asked_ = std::max(asked_, k);
   changed_.notify_all();
   changed_.wait(lock, [&] {
-    return stopping_ || converted_.count(k) || (decoded_.count(k) && convertNext_ > k && converting_ != k) ||
-           (ended_ && k >= decodedUpTo_);
+    return stopping_ || converted_.count(k) || (decoded_.count(k) && converting_ != k) || (ended_ && k >= decodedUpTo_);
   });
   if (auto it = converted_.find(k); it != converted_.end()) {
     ToSource(std::move(it->second), picture);
     converted_.erase(it);
     CheckSize(k, picture);
+    changed_.notify_all();
     return true;
   }
   if (auto it = decoded_.find(k); it != decoded_.end()) {
-    // Handed over once already: converted again from its decoded form.
+    // Not converted ahead (older than the newest asked for), or handed over
+    // once already: converted here from its decoded form.
     const media::DecodedFrame* frame = &it->second;
-    lock.unlock();
     media::CompactPicture again;
+    if (!spare_.empty()) again.pixels = std::move(spare_.back()), spare_.pop_back();
+    lock.unlock();
     {
       std::lock_guard<std::mutex> convert(convertMutex_);
       reader_.ConvertCompact(*frame, again);
     }
+    lock.lock();
+    pts_[k] = again.pts;
     ToSource(std::move(again), picture);
     CheckSize(k, picture);
     return true;
@@ -189,6 +206,11 @@ void SequentialClip::ForgetBefore(int64_t k) {
   converted_.erase(converted_.begin(), converted_.lower_bound(k));
   pts_.erase(pts_.begin(), pts_.lower_bound(k));
   changed_.notify_all();
+}
+
+size_t SequentialClip::DecodedBytes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return decodedBytes_;
 }
 
 int64_t SequentialClip::Pts(int64_t k) {

@@ -36,12 +36,16 @@ class SequentialClip : public engine::ClipSource {
   int64_t Pts(int64_t k);
   // Waits until frame k has been read or the clip has ended; false past its end.
   bool Has(int64_t k);
+  // The most memory one decoded frame has taken so far.
+  size_t DecodedBytes() const;
 
  private:
   void CheckSize(int64_t k, const engine::SourcePicture& picture) const;
   void DecodeLoop();
   void ConvertLoop();
+  void Stop();
   bool Wanted(int64_t k) const;  // under mutex_
+  bool ToConvert() const;        // under mutex_: convertNext_ may be converted now
 
   media::Reader& reader_;
   const int64_t from_;
@@ -54,10 +58,11 @@ class SequentialClip : public engine::ClipSource {
   std::map<int64_t, int64_t> pts_;
   std::vector<std::vector<uint8_t>> spare_;  // pixel memory to convert into
   int64_t decodedUpTo_ = 0;                  // frames read so far
-  int64_t convertNext_ = 0;                  // the next frame the converter takes
+  int64_t convertNext_ = 0;                  // the next frame the converter may take
   int64_t asked_ = -1;                       // the newest frame asked for
   int64_t forgotten_ = 0;                    // frames before this are gone
   int64_t converting_ = -1;                  // the frame the converter is on
+  size_t decodedBytes_ = 0;
   bool ended_ = false, stopping_ = false;
   std::exception_ptr error_;
   std::thread decoder_, converter_;

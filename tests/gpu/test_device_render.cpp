@@ -2,7 +2,10 @@
 // device kind of the build (PoCL by default; CUDA where a device exists),
 // compared with the CPU reference device in that kind's 16-bit form.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -175,6 +178,37 @@ TEST(StackKernel, EqualsThePassByPassLoopBitForBit) {
         EXPECT_EQ(RenderReference(s, kd), RenderReference(s, kd, false));
       }
     }
+}
+
+// With 64 MiB of address space left on `kind`: what the process may take
+// counts the limit, and a 512 MiB buffer is an error to say (exit 0).
+[[noreturn]] void AllocatePastTheLimit(const char* kind) {
+  Device d = OpenDevice(kind);
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  uint64_t kb = 0;
+  while (status >> key && key != "VmSize:") status.ignore(1 << 10, '\n');
+  status >> kb;
+  const rlimit limit{(kb << 10) + (uint64_t{64} << 20), RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &limit);
+  if (AvailableHostMemory() > (uint64_t{64} << 20)) std::exit(2);
+  try {
+    d.kind->fill(d, d.kind->allocate(d, size_t{512} << 20), 0, size_t{512} << 20);
+  } catch (const DeviceMemoryError& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    std::exit(0);
+  }
+  std::exit(1);
+}
+
+// Past the process's memory a buffer is an error to report, never an abort
+// inside the device's runtime (PoCL allocates at first use, and asserts).
+TEST(DeviceMemory, AnAllocationPastTheProcessLimitIsAnError) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: PoCL's threads do not survive fork
+  for (const char* kind : {"opencl", "reference"})
+    EXPECT_EXIT(AllocatePastTheLimit(kind), ::testing::ExitedWithCode(0),
+                "^out of memory: .* could not allocate a buffer of 512.0 MiB\n$")
+        << kind;
 }
 
 INSTANTIATE_TEST_SUITE_P(, DeviceRender, ::testing::Combine(::testing::Values("opencl", "cuda"), ::testing::Bool()),
