@@ -27,18 +27,7 @@ reference() {  # clip output.raw tremor-render-options...
   "$render" "$clip" -o ref/f.%03d.png --quiet "$@"
   ffmpeg -nostdin -v error -y -i ref/f.%03d.png -f rawvideo -pix_fmt rgba64le "$out"
 }
-same() {  # what 8-bit.raw 16-bit.raw: equal within one 8-bit step
-  python3 - "$@" <<'PY'
-import struct, sys
-what, a, b = sys.argv[1], open(sys.argv[2], 'rb').read(), open(sys.argv[3], 'rb').read()
-if len(a) * 2 != len(b):
-    sys.exit(f"FAIL: {what}: {len(a)} bytes against a reference of {len(b) // 2}")
-ref = struct.unpack(f'<{len(b) // 2}H', b)
-worst = max(abs(x - round(y / 257)) for x, y in zip(a, ref))
-if worst > 1:
-    sys.exit(f"FAIL: {what}: a value differs by {worst} steps")
-PY
-}
+same() { python3 "$(dirname "$0")/../within_one_step.py" "$@"; }  # what 8-bit.raw 16-bit.raw
 
 # Controls in the filter's order: Frames, Frames offset, Frames Fade, Blending
 # mode, Difference algorithm, Motion Amplification, Chromatic Aberration,

@@ -42,18 +42,7 @@ reference() {  # first-frame output.raw tremor-render-options...: frames first..
   "$build/tremor-render" clip.mkv -o ref/f.%03d.png --quiet "$@"
   ffmpeg -nostdin -v error -y -start_number "$first" -i ref/f.%03d.png -f rawvideo -pix_fmt rgba64le "$out"
 }
-same() {  # what 8-bit.raw 16-bit.raw: equal within one 8-bit step
-  python3 - "$@" <<'PY'
-import struct, sys
-what, a, b = sys.argv[1], open(sys.argv[2], 'rb').read(), open(sys.argv[3], 'rb').read()
-if len(a) * 2 != len(b):
-    sys.exit(f"FAIL: {what}: {len(a)} bytes against a reference of {len(b) // 2}")
-ref = struct.unpack(f'<{len(b) // 2}H', b)
-worst = max(abs(x - round(y / 257)) for x, y in zip(a, ref))
-if worst > 1:
-    sys.exit(f"FAIL: {what}: a value differs by {worst} steps")
-PY
-}
+same() { python3 "$(dirname "$0")/../within_one_step.py" "$@"; }  # what 8-bit.raw 16-bit.raw
 rgba clip.mkv clip.raw
 # melt drops a service it cannot load without a word: the picture must change.
 changed() { cmp -s "$1" clip.raw && fail "$2: the picture is the clip's own"; true; }
