@@ -28,17 +28,7 @@ export MLT_REPOSITORY=$work/repo MLT_DATA=$work/data
 ffmpeg -nostdin -v error -y -f lavfi -i "testsrc2=s=1920x1080:r=25" -frames:v "$frames" \
   -c:v libx264 -pix_fmt yuv420p -crf 18 "$work/clip.mp4"
 
-seconds() {  # wall and CPU (user + system) seconds of a command
-  local TIMEFORMAT='%R %U %S' out
-  out=$( { time "$@" > /dev/null 2>&1; } 2>&1 )
-  awk '{ printf "%.3f %.3f", $1, $2 + $3 }' <<< "$out"
-}
-median_of() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
-median() {  # "wall cpu": the medians of `repeat` runs
-  local i runs=()
-  for ((i = 0; i < repeat; i++)); do runs+=("$(seconds "$@")"); done
-  echo "$(printf '%s\n' "${runs[@]}" | cut -d' ' -f1 | median_of) $(printf '%s\n' "${runs[@]}" | cut -d' ' -f2 | median_of)"
-}
+source "$(dirname "$0")/timing.sh"
 melt_run() {  # real_time filter-arguments...
   local rt=$1
   shift
