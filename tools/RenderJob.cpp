@@ -697,18 +697,20 @@ int PrintReach(aehost::AeHost& host, const Options& o, const media::InputInfo& i
   return 0;
 }
 
+// Opening the device builds the kernels: a minute or more on PoCL the first
+// time, before any frame can show progress; its cache serves later runs.
+std::unique_ptr<engine::OpenedDevice> OpenEngineDevice(const Options& o) {
+  const std::string deviceText = ResolveDevice(o.device).device;
+  SlowStepNotice notice("tremor-render: compiling GPU kernels (first run only)", std::chrono::milliseconds(700),
+                        o.quiet);
+  return std::make_unique<engine::OpenedDevice>(deviceText);
+}
+
 int RunEngine(aehost::AeHost& host, const Options& o, media::Reader& reader, const media::OutputFormat* format) {
   const bool null = format == nullptr;
   const media::InputInfo info = reader.Info();
   const engine::Settings settings = EngineSettings(host, o);
-  const std::string deviceText = ResolveDevice(o.device).device;
-  // Opening the device builds the kernels: a minute or more on PoCL the first
-  // time, before any frame can show progress; its cache serves later runs.
-  const auto device = [&] {
-    SlowStepNotice notice("tremor-render: compiling GPU kernels (first run only)", std::chrono::milliseconds(700),
-                          o.quiet);
-    return std::make_unique<engine::OpenedDevice>(deviceText);
-  }();
+  const auto device = OpenEngineDevice(o);
   int64_t last = o.end >= 0 ? o.end : INT64_MAX;
   if (info.frameCount >= 0) last = std::min(last, info.frameCount - 1);
   last = std::min(last, kLastStackFrame);

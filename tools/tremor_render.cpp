@@ -116,6 +116,27 @@ std::string QuietenUnwritableLog() {
   return "the effect's log cannot be written at " + log.string() + "; rendering without it";
 }
 
+// The options against one another and the files the run writes, before
+// anything is opened; "" when all is well, else the one line for exit 2.
+std::string CheckCommandLine(render::Options& o) {
+  if (const std::string why = SettleOutput(o); !why.empty()) return why;
+  if (o.end >= 0 && o.end < o.start) return "--end must not be before --start";
+  if (o.overwrite && o.keep) return "-y and -n say opposite things: give one";
+  if ((o.start >= 0 || o.end >= 0) && !(o.seek.empty() && o.duration.empty() && o.until.empty()))
+    return "give the range in frames (--start, --end) or in time (-ss, -t, -to), not both";
+  if (!o.duration.empty() && !o.until.empty()) return "-t and -to both end the render: give one";
+  // After Effects hands the effect 128-bit frames only.
+  if (o.precision != "float" && o.host != "premiere") return "--precision half needs --host premiere";
+  try {
+    render::CheckDeviceSyntax(o.device);
+    if (const std::string why = CheckWrittenFiles(o); !why.empty()) return why;
+    if (o.format != "null") render::CheckCommand(o);
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -166,25 +187,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     return Fail(e.what());
   }
-  if (const std::string why = SettleOutput(o); !why.empty()) return Fail(why, 2);
-  if (o.end >= 0 && o.end < o.start) return Fail("--end must not be before --start", 2);
-  if (o.overwrite && o.keep) return Fail("-y and -n say opposite things: give one", 2);
-  if ((o.start >= 0 || o.end >= 0) && !(o.seek.empty() && o.duration.empty() && o.until.empty()))
-    return Fail("give the range in frames (--start, --end) or in time (-ss, -t, -to), not both", 2);
-  if (!o.duration.empty() && !o.until.empty()) return Fail("-t and -to both end the render: give one", 2);
-  // After Effects hands the effect 128-bit frames only.
-  if (o.precision != "float" && o.host != "premiere") return Fail("--precision half needs --host premiere", 2);
-  try {
-    render::CheckDeviceSyntax(o.device);
-  } catch (const std::exception& e) {
-    return Fail(e.what(), 2);
-  }
-  if (const std::string why = CheckWrittenFiles(o); !why.empty()) return Fail(why, 2);
-  try {
-    if (o.format != "null") render::CheckCommand(o);
-  } catch (const std::exception& e) {
-    return Fail(e.what(), 2);
-  }
+  if (const std::string why = CheckCommandLine(o); !why.empty()) return Fail(why, 2);
   if (!host) return Fail(moduleError);
 
   render::CatchInterrupts();
